@@ -1,0 +1,65 @@
+// The program's entry: options and run-wide settings, credentials, include
+// and exclude path files, list mode and the signal thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+
+#include "support.h"
+
+struct FtpSession;
+
+// Run-wide settings. Written only while the options are parsed, before any
+// thread but the signal thread exists; read without locks afterwards.
+struct RunSettings {
+  char* server = nullptr;
+  char* user = nullptr;
+  char* passphrase = nullptr;
+  char* backup_path = nullptr;
+  char* restore_path = nullptr;
+  FILE* catalog = nullptr;
+  FILE* include = nullptr;
+  FILE* exclude = nullptr;
+  FILE* list = nullptr;
+  FILE* notbackedup = nullptr;
+  int cutoff_flag = 0;
+  int64_t cutoff_time = 0;
+  char cutoff_date_text[10] = "";
+  char cutoff_time_text[10] = "";
+  uint64_t max_block_size = UINT64_MAX;
+  uint8_t precheck = 1;
+  uint8_t threading = 1;
+  int timeout_minutes = 8;
+  const char* wait_text = nullptr;  // the save command uses "120" without it
+  int verbosity = 0;
+  int test_count = 0;
+};
+
+extern RunSettings Settings;
+extern int StderrIsTerminal;
+extern int PageSize;
+
+// Set (bit 0) by the signal thread when SIGTERM arrives; honoured at the
+// drivers' safe points.
+extern std::atomic<int> TerminationRequested;
+
+// The whole program: returns the process exit status.
+int VondralMain(int argc, char** argv);
+
+// Blocks SIGTERM in the calling thread and starts the thread that waits for
+// it. 0 on success; -1 when the mask failed, -2 when the thread did not start.
+int StartSignalThread();
+
+// Writes the usage text to standard error.
+void Usage();
+// Builds the short-option string from the option table into out.
+void BuildShortOptions(char* out, size_t capacity);
+
+// Parses "username:where:key" into Settings.user and Settings.passphrase.
+int ReadCredentials(const char* argument);
+
+// Tests a server path against an include or exclude file (see vondral.cpp).
+struct StringList;
+int MatchPathFile(const char* path, StringList* list, FILE* stream);

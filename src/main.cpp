@@ -1,0 +1,4 @@
+// The process entry; everything else lives in the library the tests link.
+#include "vondral.h"
+
+int main(int argc, char** argv) { return VondralMain(argc, argv); }

@@ -1,0 +1,565 @@
+// Entry of the program: start-up, options, credentials, path files, the
+// signal thread and the choice of the run mode.
+#include "vondral.h"
+
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <getopt.h>
+#include <pthread.h>
+#include <signal.h>
+#include <strings.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+RunSettings Settings;
+int StderrIsTerminal = 0;
+int PageSize = 4096;
+std::atomic<int> TerminationRequested{0};
+
+namespace {
+
+struct OptionRow {
+  const char* name;
+  int has_arg;  // no_argument, required_argument, optional_argument
+  char letter;
+  const char* help;
+};
+
+// The order of this table fixes the short-option string and the usage text.
+const OptionRow Options[] = {
+    {"backup", required_argument, 'b',
+     "Create a TAR backup archive.  Follow with a path to contain the output."},
+    {"credentials", required_argument, 'c',
+     "Follow with the credentials to login to the server in the form "
+     "\"username:where:key\" .  where explains where the passphrase may be found as "
+     "follows.  If where is here, then key is the actual passphrase as in "
+     "\"fred:here:passphrase\".  If where is env, then key is the name of an "
+     "environment variable which contains the passphrase as in "
+     "\"fred:env:PASSPHRASE\".  If where is fd, then key is the number of a file "
+     "descriptor from which the first line read is the passphrase as in "
+     "\"fred:fd:4\".  If where is file, then key is the name of a file from which "
+     "the first line read is the passphrase as in \"fred:file:keyFilename\"."},
+    {"Catalog", required_argument, 'C',
+     "Create a catalog file containing a list of backed up files.  Follow with a "
+     "path to contain the output."},
+    {"date", required_argument, 'd',
+     "Follow with an epoch.  During backup, any objects that have a timestamp "
+     "before the given epoch will not be included in the backup."},
+    {"exclude", required_argument, 'e',
+     "Follow with a path to a file which contains full paths which should be "
+     "excluded from the backup or restore, one full path per line."},
+    {"help", no_argument, 'h', "This help."},
+    {"include", required_argument, 'i',
+     "Follow with a path to a file which contains full paths which should be "
+     "included in the backup or restore, one full path per line."},
+    {"list", required_argument, 'l',
+     "Create a list of the objects on server under the path given by the include "
+     "option.  Follow with a file descriptor to which to write the list of full "
+     "paths -- one per line."},
+    {"maxblocksize", required_argument, 'm', "Debugging option."},
+    {"notbackedup", required_argument, 'n',
+     "Follow with a file descriptor to which to write the list of full paths -- "
+     "one per line -- of objects not backed up by backup command."},
+    {"precheck", required_argument, 'p', "Sets the precheck option to either yes or no"},
+    {"restore", required_argument, 'r',
+     "Restore a TAR archive.  Follow with a path from which to read the archive to "
+     "restore or \"-\" to read the archive from stdin."},
+    {"server", required_argument, 's',
+     "Follow with the host name or IP address of the server."},
+    {"test", no_argument, 't', "Test the connection with the given server."},
+    {"verbose", optional_argument, 'v', "Produce verbose output."},
+    {"wait", required_argument, 'w',
+     "Follow with a number of seconds (0-99999) to wait to establish a checkpoint "
+     "or enter -1 to wait indefinately"},
+    {"threading", required_argument, 'x', "Follow with 0 to disable threading"},
+    {"timeout", required_argument, 'z', "Timeout to wait for response in minutes"},
+};
+constexpr int OptionCount = sizeof(Options) / sizeof(Options[0]);
+
+// Lines of the usage text hold at most this many characters before wrapping.
+constexpr size_t UsageLineLimit = 70;
+
+sigset_t SignalSet;
+
+void* SignalThread(void*) {
+  int signal_number = 0;
+  sigwait(&SignalSet, &signal_number);
+  if (signal_number == SIGTERM)
+    TerminationRequested.fetch_or(1);
+  else
+    LogMessageTo(stderr, "\nUnexpected signal %d\n", signal_number);
+  return nullptr;
+}
+
+// yes, true and 1 (in any case) switch a flag on; anything else off.
+uint8_t YesNo(const char* text) { return strchr("YyTt1", text[0]) && text[0] ? 1 : 0; }
+
+// Base-0 conversions that must consume the whole argument and at least one
+// character.
+bool WholeLong(const char* text, long* value) {
+  char* end = nullptr;
+  errno = 0;
+  *value = strtol(text, &end, 0);
+  return end != text && *end == '\0';
+}
+
+void ReplaceStream(FILE** slot, FILE* stream) {
+  if (*slot) fclose(*slot);
+  *slot = stream;
+}
+
+// --include and --exclude: the file is kept open (and read again for every
+// question) for the whole run.
+int OpenPathFile(FILE** slot, const char* path) {
+  ReplaceStream(slot, nullptr);
+  FILE* stream = fopen(path, "r");
+  if (!stream) {
+    LogMessageTo(stderr, "%s: fopen(%s): %s\n", ProgramName, path, strerror(errno));
+    return -1;
+  }
+  setlinebuf(stream);
+  *slot = stream;
+  return 0;
+}
+
+// --list and --notbackedup take a descriptor the caller opened for us.
+int OpenDescriptorStream(FILE** slot, const char* argument) {
+  ReplaceStream(slot, nullptr);
+  long descriptor = 0;
+  if (!WholeLong(argument, &descriptor)) {
+    LogMessageTo(stderr, "%s: '%s': can't parse file descriptor\n", ProgramName, argument);
+    return -1;
+  }
+  FILE* stream = fdopen(static_cast<int>(descriptor), "w");
+  if (!stream) {
+    LogMessageTo(stderr, "%s: fdopen(%d): %s\n", ProgramName, static_cast<int>(descriptor),
+                 strerror(errno));
+    return -1;
+  }
+  setlinebuf(stream);
+  *slot = stream;
+  return 0;
+}
+
+int SetDate(const char* argument) {
+  char* end = nullptr;
+  errno = 0;
+  long long seconds = strtoll(argument, &end, 0);
+  int result = 0;
+  if (end == argument || *end != '\0') {
+    LogMessageTo(stderr, "%s: '%s': can't parse timestamp\n", ProgramName, argument);
+    result = -1;
+  }
+  Settings.cutoff_flag = 1;
+  Settings.cutoff_time = seconds;
+  time_t instant = static_cast<time_t>(seconds);
+  struct tm local{};
+  Settings.cutoff_date_text[0] = Settings.cutoff_time_text[0] = '\0';
+  if (localtime_r(&instant, &local)) {
+    strftime(Settings.cutoff_date_text, 9, "%m/%d/%y", &local);
+    strftime(Settings.cutoff_time_text, 9, "%H:%M:%S", &local);
+  }
+  return result;
+}
+
+int SetMaxBlockSize(const char* argument) {
+  char* end = nullptr;
+  errno = 0;
+  Settings.max_block_size = strtoull(argument, &end, 0);
+  if (end == argument || *end != '\0') {
+    LogMessageTo(stderr, "%s: '%s': can't parse block size\n", ProgramName, argument);
+    return -1;
+  }
+  return 0;
+}
+
+int SetVerbose(const char* argument) {
+  if (!argument) {
+    Settings.verbosity++;
+    return 0;
+  }
+  long value = 0;
+  bool whole = WholeLong(argument, &value);
+  Settings.verbosity = static_cast<int>(value);
+  if (!whole) {
+    LogMessageTo(stderr, "%s: verbose value must be a number\n", ProgramName);
+    return -1;
+  }
+  return 0;
+}
+
+int SetWait(const char* argument) {
+  // Decimal, with no end check: "12abc" passes and reaches the save command
+  // exactly as typed.
+  int seconds = static_cast<int>(strtol(argument, nullptr, 10));
+  if (seconds == -1) {
+    Settings.wait_text = "*NOMAX";
+  } else if (seconds >= 0 && seconds <= 99999) {
+    Settings.wait_text = strdup(argument);
+  } else {
+    LogMessageTo(stderr, "invalid argument: --wait %s\n", argument);
+    return -1;
+  }
+  return 0;
+}
+
+int SetTimeout(const char* argument) {
+  int minutes = static_cast<int>(strtol(argument, nullptr, 10));
+  if (minutes < 1 || minutes > 99999) {
+    LogMessageTo(stderr, "invalid argument: --timeout %s\n", argument);
+    return -1;
+  }
+  Settings.timeout_minutes = minutes;
+  return 0;
+}
+
+int CopyArgument(char** slot, const char* argument, const char* what) {
+  *slot = strdup(argument);
+  if (!*slot) {
+    LogMessageTo(stderr, "%s: can't malloc %s\n", ProgramName, what);
+    return -1;
+  }
+  return 0;
+}
+
+// One option; returns 0, -1 for a bad option, 1 for --help.
+int HandleOption(int letter, const char* argument) {
+  switch (letter) {
+    case 'b': return CopyArgument(&Settings.backup_path, argument, "backup output path");
+    case 'c': return ReadCredentials(argument) == 0 ? 0 : -1;
+    case 'C': {
+      // An earlier catalog stream stays open (and empty): only the last one
+      // receives the catalog.
+      FILE* stream = fopen(argument, "w");
+      if (!stream) {
+        LogMessageTo(stderr, "%s: Failed to open catalog file %s\n", ProgramName, argument);
+        return -1;
+      }
+      Settings.catalog = stream;
+      return 0;
+    }
+    case 'd': return SetDate(argument);
+    case 'e': return OpenPathFile(&Settings.exclude, argument);
+    case 'h': return 1;
+    case 'i': return OpenPathFile(&Settings.include, argument);
+    case 'l': return OpenDescriptorStream(&Settings.list, argument);
+    case 'm': return SetMaxBlockSize(argument);
+    case 'n': return OpenDescriptorStream(&Settings.notbackedup, argument);
+    case 'p': Settings.precheck = YesNo(argument); return 0;
+    case 'r': return CopyArgument(&Settings.restore_path, argument, "restore input path");
+    case 's': return CopyArgument(&Settings.server, argument, "server name");
+    case 't': Settings.test_count++; return 0;
+    case 'v': return SetVerbose(argument);
+    case 'w': return SetWait(argument);
+    case 'x': Settings.threading = YesNo(argument); return 0;
+    case 'z': return SetTimeout(argument);
+    case '?': return -1;  // getopt_long has already said what was wrong
+    default:
+      LogMessageTo(stderr, "%s: getopt(): ", ProgramName);
+      if (isprint(letter))
+        LogMessageTo(stderr, "%c\n", letter);
+      else
+        LogMessageTo(stderr, "0x%02X\n", letter & 0xFF);
+      return -1;
+  }
+}
+
+// Collects every bad option of the command line before judging, so that an
+// operator sees all mistakes at once. Returns 0, -1 or 1 (help).
+int ParseOptions(int argc, char** argv) {
+  const size_t short_capacity = 57;
+  char* short_options = static_cast<char*>(malloc(short_capacity));
+  if (!short_options) {
+    VFAIL("malloc(%d): %s\n", static_cast<int>(short_capacity), strerror(errno));
+    return -1;
+  }
+  BuildShortOptions(short_options, short_capacity);
+  struct option long_options[OptionCount + 1];
+  for (int i = 0; i < OptionCount; i++)
+    long_options[i] = {Options[i].name, Options[i].has_arg, nullptr, Options[i].letter};
+  long_options[OptionCount] = {nullptr, 0, nullptr, 0};
+
+  int state = 0;
+  int letter;
+  while ((letter = getopt_long(argc, argv, short_options, long_options, nullptr)) != -1) {
+    int result = HandleOption(letter, optarg);
+    if (result == 1)
+      state = 1;
+    else if (result != 0)
+      state = -1;
+  }
+  free(short_options);
+  return state;
+}
+
+void TakeTime(struct timeval* when) { gettimeofday(when, nullptr); }
+
+
+// What the run does once the options are accepted.
+int RunModes() {
+  LogMessageTo(stderr, "%s: don't know what to do\n", ProgramName);
+  Usage();
+  return -1;
+}
+
+}  // namespace
+
+void BuildShortOptions(char* out, size_t capacity) {
+  size_t used = 0;
+  for (int i = 0; i < OptionCount && used + 4 <= capacity; i++) {
+    out[used++] = Options[i].letter;
+    if (Options[i].has_arg != no_argument) out[used++] = ':';
+    if (Options[i].has_arg == optional_argument) out[used++] = ':';
+  }
+  out[used] = '\0';
+}
+
+void Usage() {
+  size_t width = 0;
+  for (const OptionRow& row : Options) {
+    size_t length = 12 + strlen(row.name);  // "  -%c, --%s :  "
+    if (length > width) width = length;
+  }
+  LogMessageTo(stderr, "usage: %s [ options ]\n", ProgramName);
+  for (const OptionRow& row : Options) {
+    char line[256];
+    int pad = static_cast<int>(width - 12 - strlen(row.name));
+    size_t used = static_cast<size_t>(
+        FormatBounded(line, sizeof line, "  -%c, --%s %*s:  ", row.letter, row.name, pad, ""));
+    const char* text = row.help;
+    if (!text || !*text) {
+      LogMessageTo(stderr, "%s\n", line);
+      continue;
+    }
+    while (*text) {
+      size_t taken = 0;
+      while (used < UsageLineLimit && text[taken]) line[used++] = text[taken++];
+      if (!text[taken]) {
+        line[used] = '\0';
+        LogMessageTo(stderr, "%s\n", line);
+        break;
+      }
+      // Text remains: break at the last blank copied on this line (the blank
+      // itself is dropped), or cut the word at the margin and mark the cut.
+      size_t cut = taken;
+      while (cut > 0 && !isspace(static_cast<unsigned char>(text[cut - 1]))) cut--;
+      if (cut > 0) {
+        used -= taken - (cut - 1);
+        line[used] = '\0';
+        text += cut;
+      } else {
+        used -= 1;
+        line[used++] = '-';
+        line[used] = '\0';
+        text += taken - 1;
+      }
+      LogMessageTo(stderr, "%s\n", line);
+      used = static_cast<size_t>(FormatBounded(line, sizeof line, "%*s", static_cast<int>(width), ""));
+    }
+  }
+}
+
+int ReadCredentials(const char* argument) {
+  const char* colon = strchr(argument, ':');
+  if (!colon) {
+    LogMessageTo(stderr, "%s: Missing password in credentials\n", ProgramName);
+    return -1;
+  }
+  size_t user_size = static_cast<size_t>(colon - argument) + 1;
+  char* user = static_cast<char*>(malloc(user_size));
+  if (!user) {
+    LogMessageTo(stderr, "%s: malloc(%d) failed\n", ProgramName, static_cast<int>(user_size));
+    return -1;
+  }
+  memcpy(user, argument, user_size - 1);
+  user[user_size - 1] = '\0';
+  Settings.user = user;
+
+  auto fail = [&]() {
+    // Without a user name the run later asks for credentials as a whole.
+    free(Settings.user);
+    Settings.user = nullptr;
+    return -1;
+  };
+
+  const char* where = colon + 1;
+  const char* passphrase = nullptr;
+  char buffer[4096];
+  bool from_read = false;
+  ssize_t got = 0;
+  if (strncasecmp(where, "here:", 5) == 0) {
+    passphrase = where + 5;
+  } else if (strncasecmp(where, "env:", 4) == 0) {
+    const char* key = where + 4;
+    passphrase = getenv(key);
+    if (!passphrase) {
+      LogMessageTo(stderr, "%s: There is no environment variable named '%s'\n", ProgramName, key);
+      return fail();
+    }
+  } else if (strncasecmp(where, "fd:", 3) == 0) {
+    const char* key = where + 3;
+    long descriptor = 0;
+    if (!WholeLong(key, &descriptor)) {
+      LogMessageTo(stderr, "%s: Bad file descriptor '%s'\n", ProgramName, key);
+      return fail();
+    }
+    // The descriptor belongs to whoever started us; it stays open.
+    got = read(static_cast<int>(descriptor), buffer, sizeof buffer - 1);
+    if (got < 0) {
+      LogMessageTo(stderr, "%s: read(%d): %s\n", ProgramName, static_cast<int>(descriptor),
+                   strerror(errno));
+      return fail();
+    }
+    from_read = true;
+  } else if (strncasecmp(where, "file:", 5) == 0) {
+    const char* key = where + 5;
+    int descriptor = open(key, O_RDONLY);
+    if (descriptor <= 0) {
+      // Descriptor 0 would mean that standard input was closed: refused too.
+      int error = errno;
+      if (descriptor == 0) close(descriptor);
+      LogMessageTo(stderr, "%s: open(%s): %s\n", ProgramName, key, strerror(error));
+      return fail();
+    }
+    got = read(descriptor, buffer, sizeof buffer - 1);
+    int error = errno;
+    close(descriptor);
+    if (got < 0) {
+      LogMessageTo(stderr, "%s: read(%s): %s\n", ProgramName, key, strerror(error));
+      return fail();
+    }
+    from_read = true;
+  } else {
+    LogMessageTo(stderr, "%s: bad where following user name\n", ProgramName);
+    return fail();
+  }
+
+  if (from_read) {
+    // Only the first line counts; a read is never continued.
+    buffer[got] = '\0';
+    char* newline = static_cast<char*>(memchr(buffer, '\n', static_cast<size_t>(got)));
+    if (newline)
+      *newline = '\0';
+    else
+      LogMessageTo(stderr, "%s: Passphrase truncated to %d bytes\n", ProgramName,
+                   static_cast<int>(got));
+    passphrase = buffer;
+  }
+  char* copy = strdup(passphrase);
+  if (!copy) {
+    LogMessageTo(stderr, "%s: malloc(%d) failed\n", ProgramName,
+                 static_cast<int>(strlen(passphrase)));
+    return fail();
+  }
+  Settings.passphrase = copy;
+  return 0;
+}
+
+// Answers whether `path` is named by a line of the path file `stream`:
+//   1  no stream, or no line matched and nothing was collected;
+//   0  a line matched the path (a leading-directory match counts, so a line
+//      names the object and everything below it), or, with a list, at least
+//      one line naming something below the path was collected;
+//  -1  the stream could not be rewound.
+// During a restore, lines with wild cards are ignored.
+int MatchPathFile(const char* path, StringList* list, FILE* stream) {
+  if (!stream) return 1;
+  if (fseek(stream, 0, SEEK_SET) != 0) {
+    LogMessageTo(stderr, "%s: fseek(stream, 0, SEEK_SET): %s\n", ProgramName, strerror(errno));
+    return -1;
+  }
+  auto slashes = [](const char* text) {
+    int n = 0;
+    for (; *text; text++) n += *text == '/';
+    return n;
+  };
+  const bool restoring = Settings.restore_path != nullptr;
+  const int path_slashes = slashes(path);
+  const size_t path_length = strlen(path);
+  int result = 1;
+  char line[4096];
+  while (fgets(line, sizeof line, stream)) {
+    char* newline = strchr(line, '\n');
+    if (newline) *newline = '\0';
+    const char* second = nullptr;
+    char* separator = strstr(line, " :: ");
+    if (separator) {
+      *separator = '\0';
+      second = separator + 4;
+    }
+    if (restoring && strpbrk(line, "*?")) continue;
+    if (slashes(line) <= path_slashes &&
+        fnmatch(line, path, FNM_PATHNAME | FNM_LEADING_DIR) == 0) {
+      if (list) AppendStringPair(list, path, second);
+      return 0;
+    }
+    if (list && strncmp(line, path, path_length) == 0 && line[path_length] == '/') {
+      AppendStringPair(list, line, second);
+      result = 0;
+    }
+  }
+  return result;
+}
+
+int StartSignalThread() {
+  sigemptyset(&SignalSet);
+  sigaddset(&SignalSet, SIGTERM);
+  if (pthread_sigmask(SIG_BLOCK, &SignalSet, nullptr) != 0) return -1;
+  pthread_t thread;
+  if (pthread_create(&thread, nullptr, SignalThread, nullptr) != 0) return -2;
+  return 0;
+}
+
+int VondralMain(int argc, char** argv) {
+  struct timeval start{};
+  TakeTime(&start);
+  RegisterThread(-1);
+  const char* slash = strrchr(argv[0], '/');
+  ProgramName = slash ? slash + 1 : argv[0];
+
+  // SIGTERM is blocked before any other thread exists, so every later thread
+  // inherits the block and only the signal thread ever takes it.
+  int signals = StartSignalThread();
+  if (signals == -1) {
+    VFAIL("Failed to mask signals\n");
+    exit(143);
+  }
+  if (signals == -2) {
+    VFAIL("Failed to launch signal thread\n");
+    exit(143);
+  }
+  StderrIsTerminal = isatty(STDERR_FILENO);
+  setlinebuf(stdout);
+  setlinebuf(stderr);
+  PageSize = getpagesize();
+
+  int state = ParseOptions(argc, argv);
+  if (optind < argc) {
+    for (int i = optind; i < argc; i++)
+      LogMessageTo(stderr, "%s: unknown argument: %s\n", ProgramName, argv[i]);
+    Usage();
+    return 255;
+  }
+  if (state != 0) {
+    Usage();
+    return 255;
+  }
+  if (!Settings.server) {
+    LogMessageTo(stderr, "%s: you must provide a server name\n", ProgramName);
+    Usage();
+    return 255;
+  }
+  if (!Settings.user || !Settings.passphrase) {
+    LogMessageTo(stderr, "%s: you must provide login credentials\n", ProgramName);
+    Usage();
+    return 255;
+  }
+  int result = RunModes();
+  (void)start;
+  return result & 0xFF;
+}

@@ -1,0 +1,116 @@
+"""The command line as an operator meets it, before any server is involved."""
+import os
+import re
+
+import pytest
+
+
+def test_no_options_asks_for_a_server_and_prints_the_golden_usage(run, usage_lines):
+    r = run()
+    assert r.status == 255
+    assert r.out == ""
+    for line in r.err.splitlines():
+        assert re.match(r"^\[\d\d:\d\d:\d\d\] \[T00\] ", line), line
+    assert r.err_lines == ["vondral: you must provide a server name"] + usage_lines
+
+
+def test_help_alone_prints_usage_and_fails(run, usage_lines):
+    r = run("--help")
+    assert r.status == 255
+    assert r.err_lines == usage_lines
+
+
+def test_stray_words_are_reported_before_the_usage(run, usage_lines):
+    r = run("--help", "stray", "more")
+    assert r.status == 255
+    assert r.err_lines[:2] == ["vondral: unknown argument: stray",
+                               "vondral: unknown argument: more"]
+    assert r.err_lines[2:] == usage_lines
+
+
+def test_program_name_is_the_last_path_component(run, tmp_path):
+    link = tmp_path / "other-name"
+    os.symlink(os.path.abspath(os.environ.get("VONDRAL_BIN") or "build/vondral"), link)
+    import subprocess
+    p = subprocess.run([str(link)], capture_output=True, text=True)
+    assert "] other-name: you must provide a server name" in p.stderr
+    assert "usage: other-name [ options ]" in p.stderr
+
+
+def test_missing_credentials(run, usage_lines):
+    r = run("-s", "host")
+    assert r.status == 255
+    assert r.err_lines == ["vondral: you must provide login credentials"] + usage_lines
+
+
+@pytest.mark.parametrize("args, messages", [
+    (["--wait", "100000"], ["invalid argument: --wait 100000"]),
+    (["--wait", "-2"], ["invalid argument: --wait -2"]),
+    (["--timeout", "0"], ["invalid argument: --timeout 0"]),
+    (["--timeout", "100000"], ["invalid argument: --timeout 100000"]),
+    (["--list", "3x"], ["vondral: '3x' can't parse file descriptor".replace("'3x' ", "'3x': ")]),
+    (["--notbackedup", "zz"], ["vondral: 'zz': can't parse file descriptor"]),
+    (["--maxblocksize", "12q"], ["vondral: '12q': can't parse block size"]),
+    (["--date", "yesterday"], ["vondral: 'yesterday': can't parse timestamp"]),
+    (["-vx"], ["vondral: verbose value must be a number"]),
+    (["--verbose=3y"], ["vondral: verbose value must be a number"]),
+    (["--include", "/nonexistent/inc"],
+     ["vondral: fopen(/nonexistent/inc): No such file or directory"]),
+    (["--exclude", "/nonexistent/exc"],
+     ["vondral: fopen(/nonexistent/exc): No such file or directory"]),
+    (["--Catalog", "/nonexistent/dir/cat"],
+     ["vondral: Failed to open catalog file /nonexistent/dir/cat"]),
+    (["--list", "77"], ["vondral: fdopen(77): Bad file descriptor"]),
+    (["-c", "user"], ["vondral: Missing password in credentials"]),
+    (["-c", "user:ftp:x"], ["vondral: bad where following user name"]),
+    (["-c", "user:fd:4x"], ["vondral: Bad file descriptor '4x'"]),
+])
+def test_each_bad_option_has_its_message(run, usage_lines, args, messages):
+    r = run("-s", "host", "-c", "u:here:p", *args)
+    assert r.status == 255
+    assert r.err_lines == messages + usage_lines
+
+
+def test_all_bad_options_are_reported_together(run, usage_lines):
+    r = run("--wait", "-7", "--timeout", "x", "-l", "q", "-vz", "--bogus")
+    assert r.status == 255
+    # getopt_long reports the unknown option in libc's own words, unprefixed
+    raw = r.err.splitlines()
+    assert any("--bogus" in line and not line.startswith("[") for line in raw)
+    r.err = "\n".join(line for line in raw if "--bogus" not in line)
+    lines = r.err_lines
+    assert lines[:4] == ["invalid argument: --wait -7", "invalid argument: --timeout x",
+                         "vondral: 'q': can't parse file descriptor",
+                         "vondral: verbose value must be a number"]
+    assert lines[4:] == usage_lines
+
+
+@pytest.mark.parametrize("args", [
+    ["--wait", "12abc"], ["--wait", "-1"], ["--wait", "0"], ["--wait", "99999"],
+    ["--timeout", "99999"], ["--timeout", "1"], ["-v", "-v5"], ["-v", "-v"], ["--verbose=0x3"],
+    ["--list", "0x1"], ["--notbackedup", "2"], ["--maxblocksize", "0x10"],
+    ["--date", "0"], ["--precheck", "no"], ["-x", "0"], ["--include", "/dev/null"],
+    ["--include", "/dev/null", "--include", "/dev/null"],
+])
+def test_good_options_pass_the_checks(run, usage_lines, args):
+    r = run("-s", "host", "-c", "u:here:p", *args)
+    lines = r.err_lines
+    assert lines[0] == "vondral: don't know what to do", r.err
+    assert lines[1:] == usage_lines
+    assert r.status == 255
+
+
+def test_two_catalogs_leave_the_first_file_created_and_empty(run, tmp_path):
+    first, second = tmp_path / "c1", tmp_path / "c2"
+    first.write_text("old content")
+    r = run("-s", "h", "-c", "u:here:p", "-C", str(first), "-C", str(second))
+    assert r.status == 255
+    assert first.read_text() == "" and second.exists()
+
+
+def test_credentials_from_a_file_are_never_echoed(run, tmp_path):
+    key = tmp_path / "key"
+    key.write_text("TopSecret")
+    r = run("-s", "h", "-c", "u:file:%s" % key, "-v5")
+    assert "vondral: Passphrase truncated to 9 bytes" in r.err_lines
+    assert "TopSecret" not in r.out + r.err
