@@ -1,0 +1,1242 @@
+#!/usr/bin/python3
+"""A simulated IBM i FTP server for end-to-end tests of the backup client.
+
+The whole server state is a directory (the "server tree"); see README.md
+for its layout, the command line and the configuration keys.
+
+Control connections are handled by pyftpdlib, one thread per session.
+Data connections are served by the session's own thread with plain
+blocking-style socket loops: that keeps byte-exact control for the fault
+injection (drop after n bytes, stall, chunked listings) and lets a slow or
+sleeping session never hold up another one.
+"""
+
+import argparse
+import json
+import logging
+import os
+import posixpath
+import re
+import select
+import shutil
+import signal
+import socket
+import sys
+import tempfile
+import threading
+import time
+import traceback
+from datetime import datetime
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+if HERE not in sys.path:
+    sys.path.insert(0, HERE)
+
+from pyftpdlib.handlers import FTPHandler  # noqa: E402
+from pyftpdlib.servers import ThreadedFTPServer  # noqa: E402
+
+import clparse  # noqa: E402
+import listing  # noqa: E402
+import savimage  # noqa: E402
+
+STOP = threading.Event()
+
+DEFAULT_GREETING = ["QTCP at SIM.EXAMPLE.",
+                    "Connection will close if idle more than 5 minutes."]
+DEFAULT_RELEASE = "V5R4M0"
+
+SAVF_PATH_RE = re.compile(
+    r"^/QSYS\.LIB/QTEMP\.LIB/([A-Z0-9_#@$]{1,10})\.(?:SAVF|FILE)$", re.I)
+SAVF_NAME_RE = re.compile(
+    r"^(?:(QTEMP|\*LIBL|\*CURLIB)/)?([A-Z0-9_#@$]{1,10})$", re.I)
+
+POLL = 0.25          # how often blocked loops look at STOP
+IO_CHUNK = 1 << 20   # receive buffer for STOR
+SEND_CHUNK = 1 << 22  # sendfile request size for RETR
+
+DATA_ACTIONS = ("close_data_after", "stall_data", "close_after_data")
+
+
+class Rule:
+    """A configured fault or reply override, with its own match counter."""
+
+    def __init__(self, entry, kind):
+        self.entry = entry
+        self.regex = re.compile(entry["match"])
+        self.nth = entry.get("nth")
+        self.seen = 0
+        if kind == "fault":
+            action = entry.get("action")
+            if isinstance(action, dict):
+                (self.action, params), = action.items()
+                self.params = dict(params or {})
+            else:
+                self.action = action
+                self.params = {k: v for k, v in entry.items()
+                               if k not in ("match", "nth", "action")}
+            known = ("close", "delay") + DATA_ACTIONS
+            if self.action not in known:
+                raise ValueError("unknown fault action %r" % (self.action,))
+        else:
+            self.reply = entry["reply"]
+            self.apply = bool(entry.get("apply", False))
+
+    def hit(self, line):
+        """Count a matching line; True when this rule fires for it."""
+        if not self.regex.search(line):
+            return False
+        self.seen += 1
+        return self.nth is None or self.seen == int(self.nth)
+
+
+class SimState:
+    """What all sessions share: the tree, the config, the log, counters."""
+
+    def __init__(self, root, config, log_path, work_base, first_session=1):
+        self.root = os.path.abspath(root)
+        self.config = config
+        self.lock = threading.Lock()
+        self.next_session = first_session
+        self.logins = 0
+        self.log = open(log_path, "a", encoding="utf-8") if log_path else None
+        self.work_base = work_base
+        self.users = {k.upper(): v for k, v in
+                      config.get("users", {"qsecofr": "secret"}).items()}
+        self.faults = [Rule(f, "fault") for f in config.get("faults", [])]
+        self.replies = [Rule(r, "reply") for r in config.get("replies", [])]
+        self.cpf3caa = {norm(p) for p in config.get("cpf3caa_paths", [])}
+        self.list_chunks = {norm(k): v for k, v in
+                            config.get("list_chunks", {}).items()}
+        self.list_chunk_pause = float(config.get("list_chunk_pause", 0.05))
+        self.extra_lines = {norm(k): v for k, v in
+                            config.get("extra_list_lines", {}).items()}
+        self.empty_save = set()
+        for item in config.get("empty_save", []):
+            self.empty_save.add(norm(item) if item.startswith("/")
+                                else item.upper())
+        self.refuse_after = config.get("refuse_logins_after")
+
+    # --- log
+
+    def record(self, rec):
+        if self.log is None:
+            return
+        rec.setdefault("t", time.time())
+        line = json.dumps(rec, ensure_ascii=True)
+        with self.lock:
+            if not self.log.closed:
+                self.log.write(line + "\n")
+                self.log.flush()
+
+    def new_session(self):
+        with self.lock:
+            sid = self.next_session
+            self.next_session += 1
+            return sid
+
+    # --- rules
+
+    def fired_faults(self, line):
+        with self.lock:
+            return [r for r in self.faults if r.hit(line)]
+
+    def reply_for(self, line):
+        with self.lock:
+            chosen = None
+            for r in self.replies:
+                if r.hit(line) and chosen is None:
+                    chosen = r
+            return chosen
+
+    def login_allowed(self):
+        with self.lock:
+            if self.refuse_after is not None and \
+                    self.logins >= int(self.refuse_after):
+                return False
+            self.logins += 1
+            return True
+
+    # --- paths
+
+    def fs_path(self, server_path):
+        """File system path for an absolute server path, None if hidden.
+
+        Names under /QSYS.LIB and /QDLS are case-insensitive on IBM i, so
+        there a differently cased existing entry is used when the exact
+        name does not exist.
+        """
+        parts = [p for p in server_path.split("/") if p]
+        if parts and parts[0] == ".sim":
+            return None
+        cur = self.root
+        folding = bool(parts) and parts[0].upper() in ("QSYS.LIB", "QDLS")
+        for part in parts:
+            nxt = os.path.join(cur, part)
+            if folding and not os.path.lexists(nxt):
+                try:
+                    names = os.listdir(cur)
+                except OSError:
+                    names = []
+                for n in names:
+                    if n.upper() == part.upper():
+                        nxt = os.path.join(cur, n)
+                        break
+            cur = nxt
+        return cur
+
+    def special(self, name):
+        return os.path.join(self.root, ".sim", name)
+
+
+def norm(path):
+    """Normalise an absolute server path (no trailing or double slashes)."""
+    p = posixpath.normpath("/" + path.lstrip("/"))
+    return "/" + p.lstrip("/")
+
+
+class DataAborted(Exception):
+    """The data connection went away or was dropped on purpose."""
+
+
+class SimHandler(FTPHandler):
+    state = None  # SimState, set before the server starts
+
+    # Only the commands the IBM i server offers the client; pyftpdlib's
+    # table is replaced so nothing else is answered by accident. "auth"
+    # says whether a login is needed first.
+    proto_cmds = {
+        name: dict(perm=None, auth=auth, arg=None, help="")
+        for name, auth in (
+            ("USER", False), ("PASS", False), ("QUIT", False),
+            ("SYST", False), ("NOOP", False), ("PWD", True),
+            ("XPWD", True), ("CWD", True), ("CDUP", True), ("PASV", True),
+            ("EPSV", True), ("LIST", True), ("NLST", True), ("RETR", True),
+            ("STOR", True), ("MKD", True), ("XMKD", True), ("TYPE", True),
+            ("STRU", True), ("MODE", True), ("SITE", True), ("RCMD", True),
+            ("TIME", True), ("ABOR", True))
+    }
+
+    def __init__(self, conn, server, ioloop=None):
+        self.sid = self.state.new_session()
+        self.cwd = "/"
+        self.savfs = {}
+        self.workdir = None
+        self._pasv = None
+        self._data = None
+        self._override = None
+        self._data_faults = []
+        self._cur_line = ""
+        self._gone = False
+        self.timeout = int(self.state.config.get("idle_timeout", 300))
+        super().__init__(conn, server, ioloop)
+
+    # --- plumbing
+
+    def push(self, s):
+        super(FTPHandler, self).push(s.encode("utf-8", "surrogateescape"))
+
+    def respond(self, resp, logfun=None):
+        if self._override is not None and resp[:1] in "2345":
+            resp, self._override = self._override, None
+        self._last_response = resp
+        for line in resp.split("\n"):
+            self.push(line.rstrip("\r") + "\r\n")
+
+    def handle(self):
+        self.state.record({"session": self.sid, "event": "connect"})
+        lines = self.state.config.get("greeting", DEFAULT_GREETING)
+        if isinstance(lines, str):
+            lines = [lines]
+        for line in lines[:-1]:
+            self.push("220-%s\r\n" % line)
+        self.push("220 %s\r\n" % (lines[-1] if lines else ""))
+
+    def close(self):
+        if not self._gone:
+            self._gone = True
+            self._close_data()
+            if self.workdir:
+                shutil.rmtree(self.workdir, ignore_errors=True)
+            self.state.record({"session": self.sid, "event": "disconnect"})
+        super().close()
+
+    def _close_data(self):
+        for attr in ("_pasv", "_data"):
+            s = getattr(self, attr)
+            if s is not None:
+                try:
+                    s.close()
+                except OSError:
+                    pass
+                setattr(self, attr, None)
+
+    def _drop_session(self):
+        """Vanish like a broken connection: no reply, sockets closed."""
+        self._close_data()
+        try:
+            self.socket.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self.close()
+
+    def _restart_idle_timer(self):
+        if self._idler is not None and not self._idler.cancelled:
+            self._idler.reset()
+
+    def collect_incoming_data(self, data):
+        self._in_buffer.append(data)
+        self._in_buffer_len += len(data)
+        if self._in_buffer_len > 64 * 1024:
+            self.respond("500 Command too long.")
+            self._in_buffer = []
+            self._in_buffer_len = 0
+
+    def found_terminator(self):
+        if self._gone or self._closed:
+            return  # lines that were still buffered when the session ended
+        self._restart_idle_timer()
+        raw = b"".join(self._in_buffer)
+        self._in_buffer = []
+        self._in_buffer_len = 0
+        line = raw.decode("utf-8", "surrogateescape")
+        st = self.state
+        # the log is written before anything happens, so a test still sees
+        # the command even when it makes the session vanish
+        st.record({"session": self.sid, "cmd": line})
+        fired = st.fired_faults(line)
+        for rule in fired:
+            st.record({"session": self.sid, "fault": rule.action,
+                       "line": line, "params": rule.params})
+        if any(r.action == "close" for r in fired):
+            self._drop_session()
+            return
+        for rule in fired:
+            if rule.action == "delay":
+                STOP.wait(float(rule.params.get("seconds", 1)))
+        if STOP.is_set():
+            return
+        reply = st.reply_for(line)
+        if reply is not None and not reply.apply:
+            self.respond(reply.reply)
+            return
+        self._override = reply.reply if reply is not None else None
+        self._data_faults = [r for r in fired if r.action in DATA_ACTIONS]
+        self._cur_line = line
+        try:
+            self.dispatch(line)
+        except Exception as e:  # a simulator bug must not kill the session
+            traceback.print_exc(file=sys.stderr)
+            if not self._closed:
+                self.respond("451 Simulator error: %s" % e)
+        finally:
+            self._override = None
+            self._data_faults = []
+
+    def dispatch(self, line):
+        cmd, _, arg = line.partition(" ")
+        cmd = cmd.upper()
+        if cmd == "SITE":
+            sub, _, rest = arg.partition(" ")
+            return self.site(sub.upper(), rest)
+        entry = self.proto_cmds.get(cmd)
+        if entry is None:
+            self.respond("500 Unknown command")
+            return
+        if entry["auth"] and not self.authenticated:
+            self.respond("530 Log in with USER and PASS first.")
+            return
+        getattr(self, "ftp_" + cmd)(arg)
+
+    def fault(self, action):
+        for r in self._data_faults:
+            if r.action == action:
+                return r
+        return None
+
+    # --- login and session settings
+
+    def ftp_USER(self, arg):
+        self.authenticated = False
+        self.username = arg.strip()
+        self.respond("331 Enter password.")
+
+    def ftp_PASS(self, arg):
+        if not self.username:
+            self.respond("503 Log in with USER first.")
+            return
+        expected = self.state.users.get(self.username.upper())
+        if expected is None or expected != arg:
+            self.respond("530 Login incorrect.")
+            return
+        if not self.state.login_allowed():
+            self.state.record({"session": self.sid, "fault": "refuse_login",
+                               "line": "PASS"})
+            self.respond("530 Login incorrect.")
+            return
+        self.authenticated = True
+        self.respond("230 %s logged on." % self.username.upper())
+
+    def ftp_QUIT(self, arg):
+        self.respond("221 QUIT subcommand received.")
+        self._close_data()
+        self.close_when_done()
+
+    def ftp_SYST(self, arg):
+        cfg = self.state.config
+        if "syst_reply" in cfg:
+            self.respond(cfg["syst_reply"])
+        else:
+            self.respond('215  OS/400 is the remote operating system. The '
+                         'TCP/IP version is "%s".'
+                         % cfg.get("release", DEFAULT_RELEASE))
+
+    def ftp_NOOP(self, arg):
+        self.respond("200 NOOP command successful.")
+
+    def ftp_TIME(self, arg):
+        if not self.state.config.get("time_supported", True):
+            self.respond("500 Unknown command")
+            return
+        parts = arg.split()
+        try:
+            secs = [int(p) for p in parts]
+            if not secs or len(secs) > 2 or min(secs) < 0:
+                raise ValueError
+        except ValueError:
+            self.respond("501 TIME needs an inactivity and a data timeout.")
+            return
+        self.timeout = secs[0] or 0
+        if self._idler is not None and not self._idler.cancelled:
+            self._idler.cancel()
+            self._idler = None
+        if self.timeout:
+            self._idler = self.ioloop.call_later(
+                self.timeout, self.handle_timeout, _errback=self.handle_error)
+        self.respond("250 Inactivity timer set to %d, data timer set to %d."
+                     % (secs[0], secs[-1]))
+
+    def ftp_TYPE(self, arg):
+        t = arg.strip().upper()
+        if t in ("A", "A N"):
+            self._current_type = "a"
+            self.respond("200 Representation type is ASCII nonprint.")
+        elif t in ("I", "L 8"):
+            self._current_type = "i"
+            self.respond("200 Representation type is binary IMAGE.")
+        else:
+            self.respond("504 Type %s not supported." % arg)
+
+    def ftp_STRU(self, arg):
+        if arg.strip().upper() == "F":
+            self.respond("250 Data structure is file.")
+        else:
+            self.respond("504 Data structure %s not supported." % arg)
+
+    def ftp_MODE(self, arg):
+        if arg.strip().upper() == "S":
+            self.respond("200 Data transfer mode is stream.")
+        else:
+            self.respond("504 Data transfer mode %s not supported." % arg)
+
+    def site(self, sub, arg):
+        if not self.authenticated:
+            self.respond("530 Log in with USER and PASS first.")
+            return
+        value = arg.strip()
+        if sub == "NAMEFMT" and value in ("0", "1"):
+            self.respond('250  Now using naming format "%s".' % value)
+        elif sub == "LISTFMT" and value in ("0", "1"):
+            self.respond('250  Now using list format "%s".' % value)
+        elif sub in ("NAMEFMT", "LISTFMT"):
+            self.respond("501 Parameter %s not valid for %s." % (value, sub))
+        else:
+            self.respond("250 SITE subcommand accepted.")
+
+    # --- paths and directories
+
+    def abspath(self, arg):
+        if not arg:
+            return self.cwd
+        return norm(posixpath.join(self.cwd, arg))
+
+    def ftp_PWD(self, arg):
+        self.respond('257 "%s" is current directory.' % self.cwd)
+
+    ftp_XPWD = ftp_PWD
+
+    def ftp_CWD(self, arg):
+        path = self.abspath(arg or "/")
+        fs = self.state.fs_path(path)
+        if fs is None or not os.path.isdir(fs):
+            self.respond("550 Specified directory does not exist or cannot "
+                         "be accessed.")
+            return
+        self.cwd = path
+        self.respond('250 "%s" is current directory.' % path)
+
+    def ftp_CDUP(self, arg):
+        self.ftp_CWD("..")
+
+    def ftp_MKD(self, arg):
+        path = self.abspath(arg)
+        fs = self.state.fs_path(path)
+        if fs is None or path == "/":
+            self.respond("550 Directory %s cannot be created." % path)
+        elif os.path.lexists(fs):
+            self.respond("550 Directory %s already exists." % path)
+        elif not os.path.isdir(os.path.dirname(fs)):
+            self.respond("550 Parent directory of %s not found." % path)
+        else:
+            os.mkdir(fs)
+            self.respond('257 "%s" created.' % path)
+
+    ftp_XMKD = ftp_MKD
+
+    # --- data connections
+
+    def ftp_PASV(self, arg):
+        self._close_data()
+        local_ip = self.socket.getsockname()[0]
+        lst = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        lst.bind((local_ip, 0))
+        lst.listen(4)
+        self._pasv = lst
+        port = lst.getsockname()[1]
+        self.respond("227 Entering Passive Mode (%s,%d,%d)."
+                     % (local_ip.replace(".", ","), port >> 8, port & 255))
+
+    def ftp_EPSV(self, arg):
+        self._close_data()
+        local_ip = self.socket.getsockname()[0]
+        lst = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        lst.bind((local_ip, 0))
+        lst.listen(4)
+        self._pasv = lst
+        self.respond("229 Entering Extended Passive Mode (|||%d|)."
+                     % lst.getsockname()[1])
+
+    def ftp_ABOR(self, arg):
+        self._close_data()
+        self.respond("226 ABOR command successful.")
+
+    def _need_pasv(self):
+        if self._pasv is None:
+            self.respond("425 Use PASV first.")
+            return False
+        return True
+
+    def _accept(self):
+        """Accept the client's data connection (after the 1xx reply)."""
+        lst, self._pasv = self._pasv, None
+        deadline = time.time() + float(
+            self.state.config.get("data_accept_timeout", 30))
+        lst.settimeout(POLL)
+        try:
+            while True:
+                try:
+                    conn, _ = lst.accept()
+                    break
+                except socket.timeout:
+                    if STOP.is_set() or time.time() > deadline:
+                        return None
+        finally:
+            lst.close()
+        conn.setblocking(False)
+        conn.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        self._data = conn
+        return conn
+
+    def _wait(self, conn, writing):
+        """Block until conn is ready; raise DataAborted on stop or timeout."""
+        limit = float(self.state.config.get("data_timeout", 300))
+        deadline = time.time() + limit
+        while True:
+            if STOP.is_set():
+                raise DataAborted("server stopping")
+            if writing:
+                _, w, _ = select.select([], [conn], [], POLL)
+                if w:
+                    return
+            else:
+                r, _, _ = select.select([conn], [], [], POLL)
+                if r:
+                    return
+            if time.time() > deadline:
+                raise DataAborted("data connection timed out")
+
+    def _send(self, conn, data, budget):
+        """Send bytes, stopping after budget bytes when budget is not None.
+
+        Returns the number of bytes sent.
+        """
+        view = memoryview(data)
+        if budget is not None:
+            view = view[:max(0, budget)]
+        sent = 0
+        while sent < len(view):
+            self._wait(conn, True)
+            try:
+                sent += conn.send(view[sent:sent + IO_CHUNK])
+            except BlockingIOError:
+                continue
+            except OSError as e:
+                raise DataAborted(str(e))
+        return sent
+
+    def _send_file(self, conn, fd, size, budget):
+        limit = size if budget is None else min(size, budget)
+        offset = 0
+        while offset < limit:
+            self._wait(conn, True)
+            try:
+                n = os.sendfile(conn.fileno(), fd, offset,
+                                min(SEND_CHUNK, limit - offset))
+            except BlockingIOError:
+                continue
+            except OSError as e:
+                raise DataAborted(str(e))
+            if n == 0:
+                break  # the file shrank meanwhile
+            offset += n
+        return offset
+
+    def _stall(self, conn):
+        """Keep the data connection open without sending anything more.
+
+        Ends when the client closes it or its control connection, sends
+        another command, or the server stops.
+        """
+        ctrl = self.socket
+        while not STOP.is_set():
+            r, _, _ = select.select([conn, ctrl], [], [], POLL)
+            if conn in r:
+                try:
+                    if not conn.recv(65536):
+                        return
+                except BlockingIOError:
+                    pass
+                except OSError:
+                    return
+            if ctrl in r:
+                return
+
+    def _finish(self, ok_reply):
+        """Close the data connection and give the final reply."""
+        conn, self._data = self._data, None
+        if conn is not None:
+            try:
+                conn.close()
+            except OSError:
+                pass
+        if self.fault("close_after_data"):
+            self._drop_session()
+            return
+        self._restart_idle_timer()
+        self.respond(ok_reply)
+
+    def _aborted(self):
+        conn, self._data = self._data, None
+        if conn is not None:
+            try:
+                conn.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+            conn.close()
+        self._restart_idle_timer()
+        if not self._closed:
+            self.respond("426 Connection closed; transfer aborted.")
+
+    def _send_payload(self, conn, pieces):
+        """Send a sequence of (kind, value) pieces honouring data faults.
+
+        kind "bytes": value is bytes; "file": (fd, size); "pause": seconds.
+        Returns True when everything went out, False after an abort.
+        """
+        drop = self.fault("close_data_after")
+        stall = self.fault("stall_data")
+        budget = None
+        if drop is not None:
+            budget = int(drop.params.get("bytes", 0))
+        elif stall is not None:
+            budget = int(stall.params.get("bytes", 0))
+        try:
+            for kind, value in pieces:
+                if budget is not None and budget <= 0:
+                    break
+                if kind == "pause":
+                    STOP.wait(value)
+                    continue
+                if kind == "bytes":
+                    n = self._send(conn, value, budget)
+                else:
+                    n = self._send_file(conn, value[0], value[1], budget)
+                if budget is not None:
+                    budget -= n
+        except DataAborted:
+            self._aborted()
+            return False
+        # the fault only fires when the transfer actually got that far
+        if budget is not None and budget <= 0:
+            if stall is not None:
+                self._stall(conn)
+            self._aborted()
+            return False
+        return True
+
+    # --- save files of the session (library QTEMP)
+
+    def savf_path(self, name):
+        return self.savfs.get(name.upper())
+
+    def savf_create(self, name):
+        if self.workdir is None:
+            self.workdir = tempfile.mkdtemp(prefix="s%d-" % self.sid,
+                                            dir=self.state.work_base)
+        path = os.path.join(self.workdir, name.upper() + ".SAVF")
+        open(path, "wb").close()
+        self.savfs[name.upper()] = path
+        return path
+
+    # --- listing
+
+    def _list_payload(self, path, fs, names_only):
+        """Listing bytes for a path, or None when it does not exist."""
+        st = self.state
+        if fs is None or not os.path.lexists(fs):
+            return None
+        cfg = st.config
+        owner = str(cfg.get("list_owner", "QSYS"))
+        group = str(cfg.get("list_group", "0"))
+        now = time.time()
+        lines = []
+        if os.path.isdir(fs) and not os.path.islink(fs):
+            names = sorted(os.listdir(fs))
+            if path == "/":
+                names = [n for n in names if n != ".sim"]
+            for n in names:
+                p = os.path.join(fs, n)
+                try:
+                    lines.append(n if names_only else
+                                 listing.entry_line(p, n, owner, group, now))
+                except OSError:
+                    continue
+        else:
+            name = posixpath.basename(path)
+            lines.append(name if names_only else
+                         listing.entry_line(fs, name, owner, group, now))
+        lines.extend(st.extra_lines.get(path, []))
+        return b"".join(l.encode("utf-8", "surrogateescape") + b"\r\n"
+                        for l in lines)
+
+    def _do_list(self, arg, names_only):
+        a = arg.strip()
+        if a in ("-a", "-l", "-al", "-la"):
+            a = ""
+        path = self.abspath(arg if a else "")
+        st = self.state
+        if path in st.cpf3caa:
+            self._close_data()
+            self.respond("550 CPF3CAA List of objects not allowed for the "
+                         "path.")
+            return
+        if not self._need_pasv():
+            return
+        payload = self._list_payload(path, st.fs_path(path), names_only)
+        missing = "550 Specified directory does not exist or cannot be " \
+                  "accessed."
+        if payload is None and st.config.get("list_missing_before_data"):
+            self._close_data()
+            self.respond(missing)
+            return
+        self.respond("125 List started.")
+        conn = self._accept()
+        if conn is None:
+            self.respond("425 Cannot open data connection.")
+            return
+        if payload is None:
+            self._finish(missing)
+            return
+        pieces = []
+        pos = 0
+        for size in st.list_chunks.get(path, []):
+            if pos >= len(payload):
+                break
+            pieces.append(("bytes", payload[pos:pos + int(size)]))
+            pieces.append(("pause", st.list_chunk_pause))
+            pos += int(size)
+        pieces.append(("bytes", payload[pos:]))
+        if self._send_payload(conn, pieces):
+            self._finish("250 List completed.")
+
+    def ftp_LIST(self, arg):
+        self._do_list(arg, False)
+
+    def ftp_NLST(self, arg):
+        self._do_list(arg, True)
+
+    # --- file transfer
+
+    def ftp_RETR(self, arg):
+        path = self.abspath(arg)
+        m = SAVF_PATH_RE.match(path)
+        if m:
+            src = self.savf_path(m.group(1))
+            if src is None:
+                self._close_data()
+                self.respond("550 CPF9812 File %s in library QTEMP not found."
+                             % m.group(1).upper())
+                return
+        else:
+            src = self.state.fs_path(path)
+            if src is None or not os.path.isfile(src):
+                self._close_data()
+                self.respond("550 File %s not found." % path)
+                return
+        if not self._need_pasv():
+            return
+        fd = os.open(src, os.O_RDONLY)
+        try:
+            size = os.fstat(fd).st_size
+            self.respond("150 Opening data connection.")
+            conn = self._accept()
+            if conn is None:
+                self.respond("425 Cannot open data connection.")
+                return
+            if self._send_payload(conn, [("file", (fd, size))]):
+                self._finish("226 Transfer complete.")
+        finally:
+            os.close(fd)
+
+    def ftp_STOR(self, arg):
+        path = self.abspath(arg)
+        m = SAVF_PATH_RE.match(path)
+        if m:
+            dst = self.savf_path(m.group(1))
+            if dst is None:
+                self._close_data()
+                self.respond("550 CPF9812 File %s in library QTEMP not found."
+                             % m.group(1).upper())
+                return
+        else:
+            dst = self.state.fs_path(path)
+            if dst is None or os.path.isdir(dst) or \
+                    not os.path.isdir(os.path.dirname(dst)):
+                self._close_data()
+                self.respond("550 File %s cannot be created." % path)
+                return
+        if not self._need_pasv():
+            return
+        self.respond("150 Opening data connection.")
+        conn = self._accept()
+        if conn is None:
+            self.respond("425 Cannot open data connection.")
+            return
+        drop = self.fault("close_data_after")
+        budget = int(drop.params.get("bytes", 0)) if drop else None
+        fd = os.open(dst, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
+        try:
+            budget = self._receive(conn, fd, budget)
+        except DataAborted:
+            self._aborted()
+            return
+        finally:
+            os.close(fd)
+        if budget is not None and budget <= 0:
+            self._aborted()
+            return
+        self._finish("226 Transfer complete.")
+
+    def _receive(self, conn, fd, budget):
+        """Write what arrives on conn into fd until EOF or budget is used.
+
+        Returns the budget left (None when unlimited).
+        """
+        buf = bytearray(IO_CHUNK)
+        view = memoryview(buf)
+        while budget is None or budget > 0:
+            self._wait(conn, False)
+            want = IO_CHUNK if budget is None else min(IO_CHUNK, budget)
+            try:
+                n = conn.recv_into(view, want)
+            except BlockingIOError:
+                continue
+            except OSError as e:
+                raise DataAborted(str(e))
+            if n == 0:
+                break
+            done = 0
+            while done < n:
+                done += os.write(fd, view[done:n])
+            if budget is not None:
+                budget -= n
+        return budget
+
+    # --- remote commands
+
+    def ftp_RCMD(self, arg):
+        if not arg.strip():
+            self.respond("501 RCMD needs a CL command.")
+            return
+        try:
+            name, params, _ = clparse.parse(arg)
+        except clparse.CLSyntaxError as e:
+            self.respond("550 CPF0006 Errors occurred in command: %s." % e)
+            return
+        fn = getattr(self, "cl_" + name, None)
+        if fn is None:
+            self.respond("250 Command %s successful." % name)
+            return
+        self.respond(fn(params))
+
+    def _savf_param(self, params):
+        """Save file named by SAVF(QTEMP/X) or by DEV('<QTEMP path>.FILE').
+
+        Returns (name, error reply or None).
+        """
+        dev = clparse.first(params, "DEV")
+        savf = clparse.first(params, "SAVF")
+        if savf is None and dev is not None and str(dev).upper() != "*SAVF":
+            m = SAVF_PATH_RE.match(norm(str(dev)))
+            if not m:
+                return None, "550 CPF3793 Device %s not valid." % dev
+            name = m.group(1).upper()
+        else:
+            m = SAVF_NAME_RE.match(str(savf or ""))
+            if not m:
+                return None, "550 CPF9812 File %s not found." % savf
+            name = m.group(2).upper()
+        if self.savf_path(name) is None:
+            return name, ("550 CPF9812 File %s in library QTEMP not found."
+                          % name)
+        return name, None
+
+    def cl_CRTSAVF(self, params):
+        qualified = str(clparse.first(params, "FILE", ""))
+        m = SAVF_NAME_RE.match(qualified)
+        if not m:
+            return "550 CPF7302 File %s not created." % qualified
+        name = m.group(2).upper()
+        if self.savf_path(name) is not None:
+            return "550 CPF5813 File %s in library QTEMP already exists." \
+                % name
+        self.savf_create(name)
+        return "250 Command CRTSAVF successful."
+
+    def cl_CLRSAVF(self, params):
+        qualified = str(clparse.first(params, "FILE", ""))
+        m = SAVF_NAME_RE.match(qualified)
+        name = m.group(2).upper() if m else qualified
+        path = self.savf_path(name) if m else None
+        if path is None:
+            return "550 CPF9812 File %s in library QTEMP not found." % name
+        open(path, "wb").close()
+        return "250 Command CLRSAVF successful."
+
+    def cl_DLTF(self, params):
+        qualified = str(clparse.first(params, "FILE", ""))
+        m = SAVF_NAME_RE.match(qualified)
+        name = m.group(2).upper() if m else qualified
+        path = self.savf_path(name) if m else None
+        if path is None:
+            return "550 CPF2105 Object %s in QTEMP type *FILE not found." \
+                % name
+        os.unlink(path)
+        del self.savfs[name]
+        return "250 Command DLTF successful."
+
+    def _save(self, name, key, meta, source, since=None, omit=(),
+              synthesize=False, count_top=True):
+        """Write an image of source into save file name; returns n saved."""
+        entries = savimage.walk(source, since, omit, synthesize)
+        dest = self.savf_path(name)
+        if key in self.state.empty_save:
+            n = sum(1 for _ in entries)
+            open(dest, "wb").close()
+        else:
+            # a failed save must leave the previous content in place
+            tmp = dest + ".new"
+            try:
+                n = savimage.write_image(tmp, meta, entries)
+                os.replace(tmp, dest)
+            finally:
+                if os.path.exists(tmp):
+                    os.unlink(tmp)
+        if not count_top:
+            n = max(0, n - 1)
+        return n
+
+    def cl_SAV(self, params):
+        name, err = self._savf_param(params)
+        if err:
+            return err
+        includes, omits = self._obj_elements(params)
+        if not includes:
+            return "550 CPD0072 Parameter OBJ required."
+        path = includes[0][0]
+        fs = self.state.fs_path(path)
+        if fs is None or not os.path.lexists(fs):
+            return "550 CPF3781 Object %s not found. 0 objects saved." % path
+        since = None
+        period = params.get("CHGPERIOD")
+        if period and isinstance(period[0], str) and \
+                not period[0].startswith("*"):
+            try:
+                since = parse_cl_time(period[0],
+                                      period[1] if len(period) > 1 else None)
+            except ValueError:
+                return "550 CPD0084 Value for CHGPERIOD not valid."
+        omit_fs = [self.state.fs_path(o) for o in omits]
+        omit_fs = [o for o in omit_fs if o]
+        omit_fs.append(self.state.special(""))  # never save the .sim area
+        meta = {"kind": "OBJ", "path": path, "changed_since": since}
+        n = self._save(name, path, meta, fs, since, omit_fs)
+        return "250 %d objects saved." % n
+
+    def cl_SAVLIB(self, params):
+        name, err = self._savf_param(params)
+        if err:
+            return err
+        lib = str(clparse.first(params, "LIB", "")).upper()
+        libfs = self.state.fs_path("/QSYS.LIB/%s.LIB" % lib)
+        if not lib or not os.path.isdir(libfs):
+            return "550 CPF3781 Library %s not found." % lib
+        meta = {"kind": "LIB", "library": lib,
+                "path": "/QSYS.LIB/%s.LIB" % lib}
+        n = self._save(name, lib, meta, libfs, count_top=False)
+        return "250 %d objects saved from library %s." % (n, lib)
+
+    def _save_special(self, params, kind, key, source):
+        name, err = self._savf_param(params)
+        if err:
+            return err
+        n = self._save(name, key, {"kind": kind, "path": key}, source,
+                       synthesize=True, count_top=False)
+        return "250 %d objects saved." % n
+
+    def cl_SAVDLO(self, params):
+        return self._save_special(params, "DLO", "/QDLS",
+                                  os.path.join(self.state.root, "QDLS"))
+
+    def cl_SAVSECDTA(self, params):
+        return self._save_special(params, "SECDTA", "/Security Data",
+                                  self.state.special("security"))
+
+    def cl_SAVCFG(self, params):
+        return self._save_special(params, "CFG", "/System Configuration",
+                                  self.state.special("config"))
+
+    def _obj_elements(self, params):
+        """OBJ(...) as ([(path, newpath or None)], [omitted paths])."""
+        includes, omits = [], []
+        for el in clparse.elements(params, "OBJ"):
+            if not el or isinstance(el[0], list):
+                continue
+            path = norm(clparse.unquote_path(el[0]))
+            flag = str(el[1]).upper() if len(el) > 1 else "*INCLUDE"
+            if flag == "*OMIT":
+                omits.append(path)
+            else:
+                new = None
+                if len(el) > 2 and not isinstance(el[2], list):
+                    new = norm(clparse.unquote_path(el[2]))
+                includes.append((path, new))
+        return includes, omits
+
+    def _open_image(self, params, kind):
+        """(Image, None) or (None, error reply) for a restore command."""
+        name, err = self._savf_param(params)
+        if err:
+            return None, err
+        path = self.savf_path(name)
+        if os.path.getsize(path) == 0:
+            return None, ("550 CPF3743 Save file %s in QTEMP contains no "
+                          "data." % name)
+        try:
+            img = savimage.Image(path)
+        except savimage.ImageError:
+            return None, ("550 CPF3743 Save file %s in QTEMP contains data "
+                          "that cannot be restored." % name)
+        if img.kind != kind:
+            img.close()
+            return None, ("550 CPF3782 Save file %s in QTEMP does not "
+                          "contain the requested kind of save data." % name)
+        return img, None
+
+    def cl_RST(self, params):
+        img, err = self._open_image(params, "OBJ")
+        if err:
+            return err
+        with img:
+            includes, omits = self._obj_elements(params)
+            if not includes:
+                includes = [(img.saved_path, None)]
+            crtprn = str(clparse.first(params, "CRTPRNDIR", "*NO")).upper()
+            saved = img.saved_path
+
+            def rel(p):
+                if p == saved:
+                    return ""
+                if saved == "/":
+                    return p.lstrip("/")
+                if p.startswith(saved + "/"):
+                    return p[len(saved) + 1:]
+                return None
+
+            plan = []
+            for path, new in includes:
+                r = rel(path)
+                if r is None:
+                    return ("550 CPF3780 Object not found in save file. "
+                            "0 objects restored.")
+                dest = new or path
+                dest_fs = self.state.fs_path(dest)
+                if dest_fs is None:
+                    return "550 CPF3781 Object %s not valid. 0 objects " \
+                           "restored." % dest
+                parent = os.path.dirname(dest_fs)
+                if not os.path.isdir(parent):
+                    if crtprn != "*YES":
+                        return ("550 CPFA0DA Parent directory not found. "
+                                "0 objects restored.")
+                os_omits = []
+                for o in omits:
+                    ro = rel(o)
+                    if ro is None and new and (o == new or
+                                               o.startswith(new + "/")):
+                        ro = rel(path + o[len(new):])
+                    os_omits.append(ro)
+                plan.append((r, dest_fs, parent, os_omits))
+            total = 0
+            for r, dest_fs, parent, os_omits in plan:
+                if not os.path.isdir(parent):
+                    os.makedirs(parent)
+                found, n = savimage.restore(img, r, dest_fs, os_omits)
+                if not found:
+                    return ("550 CPF3780 Object not found in save file. "
+                            "%d objects restored." % total)
+                total += n
+        return "250 %d objects restored." % total
+
+    def cl_RSTLIB(self, params):
+        img, err = self._open_image(params, "LIB")
+        if err:
+            return err
+        with img:
+            want = str(clparse.first(params, "SAVLIB", "")).upper()
+            have = str(img.meta.get("library", "")).upper()
+            if want != have:
+                return ("550 CPF3780 Library %s not found in save file. "
+                        "0 objects restored." % want)
+            new = str(clparse.first(params, "RSTLIB", "*SAVLIB")).upper()
+            if new == "*SAVLIB":
+                new = have
+            dest = self.state.fs_path("/QSYS.LIB/%s.LIB" % new)
+            os.makedirs(os.path.dirname(dest), exist_ok=True)
+            _, n = savimage.restore(img, "", dest)
+        return "250 %d objects restored to library %s." % (max(0, n - 1),
+                                                            new)
+
+    def _restore_special(self, params, kind, dest, only_new=False):
+        img, err = self._open_image(params, kind)
+        if err:
+            return err
+        with img:
+            os.makedirs(os.path.dirname(dest), exist_ok=True)
+            existed = os.path.isdir(dest)
+            _, n = savimage.restore(img, "", dest, only_new=only_new)
+            if not (only_new and existed):
+                n -= 1  # the container itself is not an object
+        return "250 %d objects restored." % max(0, n)
+
+    def cl_RSTDLO(self, params):
+        return self._restore_special(params, "DLO",
+                                     os.path.join(self.state.root, "QDLS"))
+
+    def cl_RSTUSRPRF(self, params):
+        which = str(clparse.first(params, "USRPRF", "*NEW")).upper()
+        return self._restore_special(params, "SECDTA",
+                                     self.state.special("security"),
+                                     only_new=(which != "*ALL"))
+
+    def cl_RSTCFG(self, params):
+        return self._restore_special(params, "CFG",
+                                     self.state.special("config"))
+
+    def cl_RSTAUT(self, params):
+        return "250 Command RSTAUT successful."
+
+
+def parse_cl_time(date, clock):
+    """CHGPERIOD start date 'mm/dd/yy' (or yyyy) and time 'hh:mm:ss'."""
+    clock = clock if clock and not clock.startswith("*") else "00:00:00"
+    clock = clock.replace(".", ":")
+    if len(clock) == 6 and clock.isdigit():
+        clock = "%s:%s:%s" % (clock[:2], clock[2:4], clock[4:])
+    for fmt in ("%m/%d/%y %H:%M:%S", "%m/%d/%Y %H:%M:%S",
+                "%m%d%y %H:%M:%S"):
+        try:
+            return datetime.strptime(date + " " + clock, fmt).timestamp()
+        except ValueError:
+            pass
+    raise ValueError("bad date %r %r" % (date, clock))
+
+
+def main(argv=None):
+    ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    ap.add_argument("--addr", default="127.0.0.1")
+    ap.add_argument("--port", type=int, default=21)
+    ap.add_argument("--root", required=True)
+    ap.add_argument("--config")
+    ap.add_argument("--log")
+    ap.add_argument("--work", help="directory for per-session save files "
+                    "(default: a new temporary directory)")
+    ap.add_argument("--first-session", type=int, default=1)
+    args = ap.parse_args(argv)
+
+    logging.basicConfig(level=logging.ERROR, stream=sys.stderr)
+    config = {}
+    if args.config:
+        with open(args.config, encoding="utf-8") as f:
+            config = json.load(f)
+    own_work = args.work is None
+    work = tempfile.mkdtemp(prefix="ibmi-sim-") if own_work else args.work
+    os.makedirs(work, exist_ok=True)
+    state = SimState(args.root, config, args.log, work, args.first_session)
+    SimHandler.state = state
+
+    ThreadedFTPServer.join_timeout = 1
+    server = ThreadedFTPServer((args.addr, args.port), SimHandler,
+                               backlog=64)
+    server.max_cons = 512
+    server.max_cons_per_ip = 0
+
+    def on_term(signum, frame):
+        STOP.set()
+        # a session thread stuck somewhere must not keep the process alive
+        threading.Timer(5, lambda: os._exit(0)).start()
+        raise SystemExit(0)
+
+    signal.signal(signal.SIGTERM, on_term)
+    signal.signal(signal.SIGINT, on_term)
+    print("READY", flush=True)
+    try:
+        server.serve_forever(timeout=POLL)
+    except SystemExit:
+        pass
+    finally:
+        STOP.set()
+        try:
+            server.close_all()
+        except Exception:
+            pass
+        if state.log:
+            state.log.close()
+        if own_work:
+            shutil.rmtree(work, ignore_errors=True)
+        sys.stdout.flush()
+        sys.stderr.flush()
+        os._exit(0)
+
+
+if __name__ == "__main__":
+    main()
