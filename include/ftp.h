@@ -97,3 +97,16 @@ void TakeArchiveLock();
 // Releases the lock if the calling thread holds it; harmless otherwise.
 void ReleaseArchiveLockIfHeld();
 bool ArchiveLockHeldByMe();
+
+struct ObjectNode;
+
+// Lists one server path with LIST, after making sure the session's transfer
+// parameters suit a listing, and hands the raw listing bytes to callback.
+// `directory` is the tree node being listed (nullptr in list mode, which
+// keeps no tree). 0 on success, else the judgement of ListFailed, or -1.
+int ListDirectory(FtpSession* session, const char* path, DataCallback callback, void* context,
+                  ObjectNode* directory);
+// Judges a failed LIST: 0 when the path is kept as one object to be saved
+// whole (the server refused to list it with CPF3CAA), -1 when fatal, -22
+// for missing input.
+int ListFailed(const char* reply, ObjectNode* directory);

@@ -63,3 +63,16 @@ int ReadCredentials(const char* argument);
 // Tests a server path against an include or exclude file (see vondral.cpp).
 struct StringList;
 int MatchPathFile(const char* path, StringList* list, FILE* stream);
+
+// List mode: writes the full path of every object directly under each
+// include path to the --list stream, one per line.
+int ListMode(FtpSession* session);
+
+// State of one listing in list mode: the part of a listing line that has
+// arrived so far (a line may be split over data chunks).
+struct ListPrinterContext {
+  const char* include_path;
+  int pending_length;
+  char pending[4097];
+};
+int ListPrinter(void* context, char* data, int* count);

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "backup.h"
 #include "support.h"
 #include "vondral.h"
 
@@ -267,3 +268,83 @@ bool ArchiveLockHeldByMe() {
   std::lock_guard<std::mutex> guard(ArchiveLockGuard);
   return ArchiveLockHeld == 1 && pthread_equal(ArchiveLockHolder, pthread_self());
 }
+
+int ListDirectory(FtpSession* session, const char* path, DataCallback callback, void* context,
+                  ObjectNode* directory) {
+  if (!IsSession(session)) return -1;
+  char reply[ShortReplySize] = "";
+  bool list_failed = false;
+  int result = RunProtected(session, [&]() -> int {
+    if (EnsureParameter(session, &session->structure, 'F', "STRU F", "STRU") != 0 ||
+        EnsureParameter(session, &session->mode, 'S', "MODE S", "MODE") != 0 ||
+        EnsureParameter(session, &session->type, 'A', "TYPE A", "TYPE") != 0 ||
+        EnsureParameter(session, &session->list_format, '1', "SITE LISTFMT 1", "LISTFMT") != 0 ||
+        EnsureParameter(session, &session->name_format, '1', "SITE NAMEFMT 1", "NAMEFMT") != 0)
+      return -1;
+    char command[CommandBufferSize];
+    if (FormatBounded(command, CommandBufferSize - 1, "LIST %s", path) > CommandBufferSize - 1) {
+      VFAIL("LIST command too long\n");
+      return -1;
+    }
+    // The callback may already have part of the listing: a recovery must
+    // not run the LIST again.
+    PassPointOfNoReturn(session);
+    memset(reply, 0, sizeof reply);
+    if (SendCommand(session->control, command, reply, sizeof reply, callback, nullptr, context) == 0)
+      return 0;
+    list_failed = true;
+    return -1;
+  });
+  if (!list_failed) return result;
+  reply[sizeof reply - 1] = '\0';
+  return ListFailed(reply, directory);
+}
+
+int ListFailed(const char* reply, ObjectNode* directory) {
+  if (!reply) {
+    VFAIL("NULL input\n");
+    return -22;
+  }
+  // List mode keeps no tree: there is nothing to save whole instead, so a
+  // failed listing is simply fatal there.
+  if (directory) {
+    static const char* const exempt[] = {"", "/QSYS.LIB"};
+    const char* name = directory->name ? directory->name : "";
+    bool is_exempt = false;
+    for (const char* path : exempt) {
+      if (strcmp(name, path) == 0) {
+        VFAIL("%s is exempt\n", name);
+        is_exempt = true;
+        break;
+      }
+    }
+    if (!is_exempt && strstr(reply, "CPF3CAA")) {
+      // The server will not list this directory, but it can still save it:
+      // keep it as one object of its parent and let the walk skip it.
+      ObjectNode* parent = directory->parent;
+      if (parent) {
+        AppendFile(parent, directory->name, directory->mode, directory->size, directory->mtime);
+        MarkPartial(parent);
+        ReleaseName(directory);
+      } else {
+        bool present = false;
+        for (ObjectNode* d = directory->first_dir; d && !present; d = d->next)
+          present = d->name && strcmp(d->name, name) == 0;
+        for (ObjectFile* f = directory->first_file; f && !present; f = f->next)
+          present = f->name && strcmp(f->name, name) == 0;
+        if (!present) AppendFile(directory, name, 0, 0, tm{});
+      }
+      return 0;
+    }
+  }
+  VFAIL("LIST command failed\n  %s\n", reply);
+  return -1;
+}
+
+// ---------------------------------------------------------------------------
+// Save command family
+// ---------------------------------------------------------------------------
+
+// ---------------------------------------------------------------------------
+// Restore command family
+// ---------------------------------------------------------------------------

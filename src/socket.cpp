@@ -625,7 +625,14 @@ int SendCommand(FtpConnection* control, const char* command, char* reply, size_t
         int moved = receive ? Receive(control, receive, argument) : Send(control, send, argument);
         if (moved != 0 && failure == 0) failure = -1;
       }
-      if ((entries > 0 && (set[0].revents & problems)) || (entries > 1 && (set[1].revents & problems))) {
+      // An error or hang-up on the data socket that Receive or Send has
+      // already met (and closed the socket for) is a failed transfer, not a
+      // broken session: a server refusing a LIST or RETR resets the data
+      // connection while the control connection is perfectly healthy.
+      bool control_trouble = control_entry >= 0 && (set[control_entry].revents & problems);
+      bool data_trouble = data_entry >= 0 && data_entry != control_entry &&
+                          (set[data_entry].revents & problems) && data->descriptor >= 0;
+      if (control_trouble || data_trouble) {
         VFAIL("poll(): revents: 0x%X, 0x%X\n", static_cast<unsigned>(set[0].revents),
               entries > 1 ? static_cast<unsigned>(set[1].revents) : 0u);
         AbandonConnections(control);

@@ -62,3 +62,36 @@ def fail_line(module, text):
 def has_fail(lines, module, text):
     pattern = fail_line(module, text)
     return any(pattern.match(line) for line in lines)
+
+
+def tool(name):
+    """A test driver built next to the program (build/tests/NAME)."""
+    import os
+    return os.path.join(os.path.dirname(simlib.vondral_bin()), "tests", name)
+
+
+class Walk:
+    """The include tree as the treewalk driver prints it."""
+
+    def __init__(self, proc):
+        self.status = proc.returncode
+        self.err = proc.stderr
+        self.dirs = {}
+        self.files = []
+        self.summary = {}
+        for line in proc.stdout.splitlines():
+            if line.startswith("D "):
+                path, _, rest = line[2:].rpartition(" size=")
+                fields = dict(f.split("=") for f in ("size=" + rest).split() if "=" in f)
+                self.dirs[path] = fields
+            elif line.startswith("F "):
+                path, _, rest = line[2:].rpartition(" size=")
+                self.files.append(path)
+            elif line.startswith("calls="):
+                self.summary = dict(f.split("=") for f in line.split())
+
+
+def treewalk(sim, *args, user="qsecofr", password="secret"):
+    proc = subprocess.run([tool("treewalk"), sim.addr, user, password, *map(str, args)],
+                          capture_output=True, text=True, timeout=120)
+    return Walk(proc)

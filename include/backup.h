@@ -1,0 +1,216 @@
+// Backup module: the tree of server objects that a backup saves, and the
+// CTAR archive format that every reader and writer of an archive shares.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+
+// ---------------------------------------------------------------------------
+// Object tree
+//
+// A tree is its root ObjectNode; "ObjectTree" is only another name for it.
+// Directories and files hang in two singly linked lists per directory, in the
+// order they were appended. Names are heap strings owned by their record (or
+// nullptr once released); a node's path is the plain concatenation of the
+// names from the root down, which is why listed names start with "/".
+// ---------------------------------------------------------------------------
+
+struct ObjectFile;
+
+struct ObjectNode {
+  char* name;
+  ObjectNode* parent;  // nullptr for a root
+  uint32_t mode;       // st_mode style: 0040000 directory, 0100000 regular
+  struct tm mtime;
+  uint64_t size;   // own listed size plus everything appended below
+  uint64_t count;  // files appended anywhere below; directories do not count
+  uint8_t partial;   // something below was left out: never save it whole
+  uint8_t borrowed;  // adopted copy sharing another tree's child lists
+  ObjectNode* next;  // next sibling directory
+  ObjectNode* last_dir;
+  ObjectNode* first_dir;
+  ObjectFile* last_file;
+  ObjectFile* first_file;
+};
+
+struct ObjectFile {
+  char* name;
+  ObjectNode* parent;
+  uint32_t mode;
+  uint64_t size;
+  struct tm mtime;
+  uint8_t borrowed;
+  ObjectFile* next;  // next file of the same directory
+};
+
+using ObjectTree = ObjectNode;
+
+enum ObjectKind : int {
+  OBJECT_KIND_SYSTEM = 0,   // "/Security Data", "/System Configuration"
+  OBJECT_KIND_QDLS = 1,     // "/QDLS"
+  OBJECT_KIND_LIBRARY = 2,  // below "/QSYS.LIB/"
+  OBJECT_KIND_IFS = 3,      // everything else
+};
+
+// Number of kinds, and so the largest number of backup workers.
+int ObjectKindCount();
+// Kind of a full server path; comparisons are byte-exact.
+ObjectKind ClassifyPath(const char* path);
+
+// Fresh records with a private copy of name (nullptr stays nullptr); nothing
+// is linked and nothing rolled up. nullptr when memory is exhausted.
+ObjectNode* NewDirectoryNode(ObjectNode* parent, const char* name, uint32_t mode, uint64_t size,
+                             struct tm mtime);
+ObjectFile* NewFileNode(ObjectNode* parent, const char* name, uint32_t mode, uint64_t size,
+                        struct tm mtime);
+
+// Append a record below dir and roll its size up from dir (a file also counts
+// one). The new directory is dir->last_dir afterwards. nullptr (and nothing
+// changed) when memory is exhausted.
+ObjectNode* AppendDirectory(ObjectNode* dir, const char* name, uint32_t mode, uint64_t size,
+                            struct tm mtime);
+ObjectFile* AppendFile(ObjectNode* dir, const char* name, uint32_t mode, uint64_t size,
+                       struct tm mtime);
+
+// Adds size (and one to count when counts is set) to dir and every ancestor.
+void RollUp(ObjectNode* dir, uint64_t size, bool counts);
+// Flags dir and every ancestor as partial.
+void MarkPartial(ObjectNode* dir);
+// Replaces the name with a private copy; -1 (name left nullptr) when the
+// copy cannot be made.
+int RenameNode(ObjectNode* dir, const char* name);
+// Drops the name so that walks skip the node; borrowed nodes keep theirs.
+void ReleaseName(ObjectNode* dir);
+
+// Free a record, and unless it is borrowed everything it owns: following
+// siblings (files: the rest of the list), child directories and files. A
+// borrowed record ends the freeing of its chain, because the rest of that
+// chain belongs to the tree it was adopted from.
+void FreeTree(ObjectNode* dir);
+void FreeFileList(ObjectFile* file);
+
+// Full path of dir (of file: its directory's path and its name), with "\n"
+// when newline is set, cut to capacity and always terminated. Returns the
+// length the whole text would have had, so a result >= capacity was cut.
+size_t DirectoryPath(const ObjectNode* dir, bool newline, char* buffer, size_t capacity);
+size_t FilePath(const ObjectFile* file, bool newline, char* buffer, size_t capacity);
+
+// Catalog output: plain lines, no log prefix. Each line is written under
+// LogLock so that lines of several workers never mix; do not call these
+// while holding LogLock. 0, or -1 when writing (or allocating) failed.
+int PrintFilePath(FILE* stream, const ObjectFile* file);
+// One "<directory path><file name>" line for every file in dir and below,
+// the files of subdirectories before a directory's own files. With full set
+// the path starts at the root, otherwise at dir's own name.
+int DumpTree(FILE* stream, const ObjectNode* dir, bool full);
+
+// Append to root a borrowed copy of dir (of file) named with its full path;
+// the copy shares the source's child lists. The size rolls up from root and
+// the root's count grows by the copy's count (a file counts one).
+ObjectNode* AdoptDirectory(ObjectNode* root, const ObjectNode* dir);
+ObjectFile* AdoptFile(ObjectNode* root, const ObjectFile* file);
+
+// Line buffer size that ReadTree needs: lines of up to 249 characters.
+constexpr size_t TreeLineSize = 250;
+// Reads the tree text format into dir: ">name" opens a directory, "+name"
+// adds a file, "<" closes the current directory. Entries get mode 0, size 1
+// and a zero time. 0 when the closing "<" was found, -1 otherwise.
+int ReadTree(FILE* stream, ObjectNode* dir, char* line_buffer);
+
+// ---------------------------------------------------------------------------
+// CTAR archive format
+//
+// An archive is a run of entries (a 512-byte header, then the save file's
+// bytes padded with zeros to whole blocks) ended by exactly one sentinel
+// block. Everything is read and written in whole blocks.
+// ---------------------------------------------------------------------------
+
+constexpr size_t CtarBlockSize = 512;
+// Value of the long-name field when name pieces 3 to 5 are in use.
+constexpr int LONG_NAME_FLAG = 64;
+// Longest entry name a header can hold.
+constexpr size_t CtarMaxName = 400;
+// Suffix of entries that hold a whole directory; stripped on reading.
+constexpr const char* CtarDirectorySuffix = ".savf";
+
+// (sum of all bytes as signed 8-bit values, the checksum field counted as
+// eight spaces) modulo 65536.
+int HeaderChecksum(const unsigned char block[CtarBlockSize]);
+
+// Base-64 size form for sizes above 2147483647: '#', then eleven characters
+// of six bits each, least significant first; no terminator.
+void EncodeSize64(uint64_t value, unsigned char field[12]);
+// 0 (decoding stops quietly at the first character outside the alphabet),
+// or -1 when the field does not start with '#'.
+int DecodeSize64(uint64_t* value, const unsigned char field[12]);
+
+// Fills block with the header of an entry. Directory modes get ".savf"
+// behind the name. A name of more than 400 characters is logged as "path too
+// long" and stored cut. A path longer than 511 characters (506 with the
+// suffix) is a caller's bug and aborts the process. Returns block.
+unsigned char* BuildCtarHeader(unsigned char block[CtarBlockSize], const char* path, uint64_t size,
+                               uint32_t mode, struct tm mtime);
+
+// The end-of-archive block: zeros and the checksum 0000400. Returns block.
+unsigned char* BuildCtarSentinel(unsigned char block[CtarBlockSize]);
+
+// Reassembles the stored name (suffix included) into out, always terminated,
+// dropping what does not fit. Returns the characters taken from name piece 1
+// (0 to 100).
+int ReadCtarName(char* out, size_t out_size, const unsigned char header[CtarBlockSize]);
+
+// What ReadCtarHeader found in a block.
+constexpr int CtarEntry = 0;
+constexpr int CtarEnd = 1;           // the sentinel: the archive ends here
+constexpr int CtarBadChecksum = -1;  // checksum field unreadable or wrong
+constexpr int CtarBadSize = -2;      // size field unreadable
+
+// The reader's check of one header block. For an entry, stores the data
+// size and the name (cut at its first ".savf") when size / name are given.
+int ReadCtarHeader(const unsigned char block[CtarBlockSize], uint64_t* size, char* name,
+                   size_t name_size);
+
+// Bytes an entry's data occupies in the archive: size rounded up to blocks.
+uint64_t CtarPaddedSize(uint64_t size);
+
+// ---------------------------------------------------------------------------
+// Listing parser, directory walk and include list
+// ---------------------------------------------------------------------------
+
+struct FtpSession;
+
+constexpr size_t PathBufferSize = 4096;
+// A listing line longer than this cannot name anything we could save.
+constexpr size_t CarryLimit = 4095;
+
+// Shared by all listings of one include list build.
+struct ListingContext {
+  char carry[CarryLimit + 1];  // the line being assembled across chunks
+  char* path;                  // full path of the directory being listed
+  uint8_t found;               // set when an entry was appended
+  ObjectNode* directory;       // where entries are appended
+  int errors;                  // lines of the current listing that failed
+  bool carry_overflow;         // the line being assembled is too long
+  char path_buffer[PathBufferSize];
+};
+
+// Run-wide listing figures, reported with the backup totals.
+extern uint64_t ListCalls;
+extern uint64_t ParseErrors;
+extern double ListBytes;
+
+// Cuts the chunk into lines and parses and places each complete one;
+// returns the number of lines that failed to parse.
+int ParseListingChunk(ListingContext* context, const char* data, int length);
+// The DataCallback given to LIST: failed lines are counted in the context
+// and never abort the transfer.
+int ListingCallback(void* context, char* data, int* length);
+// Lists dir and every directory below it, depth first. path holds dir's
+// parent's path and is cut back to it on return. The sum of parse errors,
+// or -1 when dir's own listing failed.
+int WalkDirectory(FtpSession* session, ObjectNode* dir, char* path, ListingContext* context);
+// The tree of everything to back up: the special objects, each include path
+// resolved by listing its directory, then every directory walked.
+ObjectNode* BuildIncludeList(FtpSession* session);

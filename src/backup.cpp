@@ -1,0 +1,979 @@
+// The backup: the object tree it is planned on, the listing parser and the
+// directory walk that fill it, and the CTAR archive format.
+#include "backup.h"
+
+#include <fnmatch.h>
+#include <sys/stat.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+#include "ftp.h"
+#include "support.h"
+#include "vondral.h"
+
+// ---------------------------------------------------------------------------
+// Object tree
+// ---------------------------------------------------------------------------
+
+namespace {
+
+// Adopted names are full server paths, which the server limits to 4095
+// characters.
+constexpr size_t FullPathSize = 4096;
+// The catalog's path buffer starts small and doubles when a name needs it.
+constexpr size_t DumpStartSize = 1024;
+
+template <typename Record>
+Record* NewRecord(const char* name) {
+  auto* record = static_cast<Record*>(calloc(1, sizeof(Record)));
+  if (!record) {
+    VFAIL("malloc(%d) failed\n", static_cast<int>(sizeof(Record)));
+    return nullptr;
+  }
+  if (name) {
+    record->name = strdup(name);
+    if (!record->name) {
+      VFAIL("malloc(%d) failed\n", static_cast<int>(strlen(name) + 1));
+      free(record);
+      return nullptr;
+    }
+  }
+  return record;
+}
+
+size_t NameLength(const char* name) { return name ? strlen(name) : 0; }
+
+size_t PathLength(const ObjectNode* dir) {
+  size_t length = 0;
+  for (; dir; dir = dir->parent) length += NameLength(dir->name);
+  return length;
+}
+
+// Names are appended from the root down; the depth of a tree is bounded by
+// the server's path length, so the recursion stays shallow.
+void AppendNames(const ObjectNode* dir, char* buffer, size_t capacity) {
+  if (dir->parent) AppendNames(dir->parent, buffer, capacity);
+  if (dir->name) AppendBounded(buffer, capacity, dir->name);
+}
+
+void LinkDirectory(ObjectNode* dir, ObjectNode* child) {
+  if (dir->last_dir)
+    dir->last_dir->next = child;
+  else
+    dir->first_dir = child;
+  dir->last_dir = child;
+}
+
+void LinkFile(ObjectNode* dir, ObjectFile* file) {
+  if (dir->last_file)
+    dir->last_file->next = file;
+  else
+    dir->first_file = file;
+  dir->last_file = file;
+}
+
+}  // namespace
+
+int ObjectKindCount() { return 4; }
+
+ObjectKind ClassifyPath(const char* path) {
+  if (!path) return OBJECT_KIND_IFS;
+  if (strcmp(path, "/Security Data") == 0 || strcmp(path, "/System Configuration") == 0)
+    return OBJECT_KIND_SYSTEM;
+  if (strcmp(path, "/QDLS") == 0) return OBJECT_KIND_QDLS;
+  if (strncmp(path, "/QSYS.LIB/", 10) == 0) return OBJECT_KIND_LIBRARY;
+  return OBJECT_KIND_IFS;
+}
+
+ObjectNode* NewDirectoryNode(ObjectNode* parent, const char* name, uint32_t mode, uint64_t size,
+                             struct tm mtime) {
+  auto* node = NewRecord<ObjectNode>(name);
+  if (!node) return nullptr;
+  node->parent = parent;
+  node->mode = mode;
+  node->mtime = mtime;
+  node->size = size;
+  return node;
+}
+
+ObjectFile* NewFileNode(ObjectNode* parent, const char* name, uint32_t mode, uint64_t size,
+                        struct tm mtime) {
+  auto* file = NewRecord<ObjectFile>(name);
+  if (!file) return nullptr;
+  file->parent = parent;
+  file->mode = mode;
+  file->size = size;
+  file->mtime = mtime;
+  return file;
+}
+
+ObjectNode* AppendDirectory(ObjectNode* dir, const char* name, uint32_t mode, uint64_t size,
+                            struct tm mtime) {
+  ObjectNode* node = NewDirectoryNode(dir, name, mode, size, mtime);
+  if (!node) return nullptr;
+  LinkDirectory(dir, node);
+  RollUp(dir, size, false);
+  return node;
+}
+
+ObjectFile* AppendFile(ObjectNode* dir, const char* name, uint32_t mode, uint64_t size,
+                       struct tm mtime) {
+  ObjectFile* file = NewFileNode(dir, name, mode, size, mtime);
+  if (!file) return nullptr;
+  LinkFile(dir, file);
+  RollUp(dir, size, true);
+  return file;
+}
+
+void RollUp(ObjectNode* dir, uint64_t size, bool counts) {
+  for (; dir; dir = dir->parent) {
+    dir->size += size;
+    if (counts) dir->count++;
+  }
+}
+
+void MarkPartial(ObjectNode* dir) {
+  for (; dir; dir = dir->parent) dir->partial = 1;
+}
+
+int RenameNode(ObjectNode* dir, const char* name) {
+  free(dir->name);
+  dir->name = nullptr;
+  if (!name) return 0;
+  dir->name = strdup(name);
+  if (!dir->name) {
+    VFAIL("malloc(%d) failed\n", static_cast<int>(strlen(name) + 1));
+    return -1;
+  }
+  return 0;
+}
+
+void ReleaseName(ObjectNode* dir) {
+  if (!dir || dir->borrowed) return;
+  free(dir->name);
+  dir->name = nullptr;
+}
+
+// Both walks go along the sibling chain in a loop rather than by recursion:
+// a directory can hold hundreds of thousands of entries. The set freed is
+// the same as freeing the rest of the chain first: everything up to and
+// including the first borrowed record.
+void FreeTree(ObjectNode* dir) {
+  while (dir) {
+    ObjectNode* next = dir->next;
+    bool borrowed = dir->borrowed;
+    if (!borrowed) {
+      FreeTree(dir->first_dir);
+      FreeFileList(dir->first_file);
+    }
+    free(dir->name);
+    free(dir);
+    if (borrowed) return;
+    dir = next;
+  }
+}
+
+void FreeFileList(ObjectFile* file) {
+  while (file) {
+    ObjectFile* next = file->next;
+    bool borrowed = file->borrowed;
+    free(file->name);
+    free(file);
+    if (borrowed) return;
+    file = next;
+  }
+}
+
+size_t DirectoryPath(const ObjectNode* dir, bool newline, char* buffer, size_t capacity) {
+  size_t length = PathLength(dir) + (newline ? 1 : 0);
+  if (capacity == 0) return length;
+  buffer[0] = '\0';
+  if (dir) AppendNames(dir, buffer, capacity);
+  if (newline) AppendBounded(buffer, capacity, "\n");
+  return length;
+}
+
+size_t FilePath(const ObjectFile* file, bool newline, char* buffer, size_t capacity) {
+  size_t length = PathLength(file->parent) + NameLength(file->name) + (newline ? 1 : 0);
+  if (capacity == 0) return length;
+  DirectoryPath(file->parent, false, buffer, capacity);
+  if (file->name) AppendBounded(buffer, capacity, file->name);
+  if (newline) AppendBounded(buffer, capacity, "\n");
+  return length;
+}
+
+int PrintFilePath(FILE* stream, const ObjectFile* file) {
+  char path[FullPathSize];
+  FilePath(file, false, path, sizeof path);
+  std::lock_guard<std::mutex> hold(LogLock);
+  return fprintf(stream, "%s\n", path) < 0 ? -1 : 0;
+}
+
+namespace {
+
+struct DumpPath {
+  char* text;
+  size_t capacity;
+  size_t length;
+};
+
+bool MakeRoom(DumpPath* path, size_t needed) {
+  if (needed <= path->capacity) return true;
+  size_t capacity = path->capacity;
+  while (capacity < needed) capacity *= 2;
+  auto* grown = static_cast<char*>(realloc(path->text, capacity));
+  if (!grown) {
+    VFAIL("malloc(%d) failed\n", static_cast<int>(capacity));
+    return false;
+  }
+  path->text = grown;
+  path->capacity = capacity;
+  return true;
+}
+
+int DumpDirectory(FILE* stream, const ObjectNode* dir, DumpPath* path);
+
+// Subdirectories first, then the directory's own files, so a catalog lists
+// the deepest files of a branch before the files that sit above them.
+int DumpContents(FILE* stream, const ObjectNode* dir, DumpPath* path) {
+  int result = 0;
+  for (const ObjectNode* child = dir->first_dir; child; child = child->next)
+    if (DumpDirectory(stream, child, path) < 0) result = -1;
+  for (const ObjectFile* file = dir->first_file; file; file = file->next) {
+    std::lock_guard<std::mutex> hold(LogLock);
+    if (fprintf(stream, "%s%s\n", path->text, file->name ? file->name : "") < 0) result = -1;
+  }
+  return result;
+}
+
+int DumpDirectory(FILE* stream, const ObjectNode* dir, DumpPath* path) {
+  size_t entry_length = path->length;
+  size_t name_length = NameLength(dir->name);
+  if (!MakeRoom(path, entry_length + name_length + 1)) return -1;
+  if (dir->name) CopyBounded(path->text + entry_length, path->capacity - entry_length, dir->name);
+  path->length = entry_length + name_length;
+  int result = DumpContents(stream, dir, path);
+  path->length = entry_length;
+  path->text[entry_length] = '\0';
+  return result;
+}
+
+}  // namespace
+
+int DumpTree(FILE* stream, const ObjectNode* dir, bool full) {
+  DumpPath path{static_cast<char*>(malloc(DumpStartSize)), DumpStartSize, 0};
+  if (!path.text) {
+    VFAIL("malloc(%d) failed\n", static_cast<int>(DumpStartSize));
+    return -1;
+  }
+  path.text[0] = '\0';
+  int result;
+  if (full) {
+    // The starting directory's path is made whole even when it is longer
+    // than the first buffer: a cut path in the catalog would name the wrong
+    // object.
+    size_t length = PathLength(dir);
+    if (MakeRoom(&path, length + 1)) {
+      DirectoryPath(dir, false, path.text, path.capacity);
+      path.length = length;
+      result = DumpContents(stream, dir, &path);
+    } else {
+      result = -1;
+    }
+  } else {
+    result = DumpDirectory(stream, dir, &path);
+  }
+  free(path.text);
+  return result;
+}
+
+ObjectNode* AdoptDirectory(ObjectNode* root, const ObjectNode* dir) {
+  char path[FullPathSize];
+  DirectoryPath(dir, false, path, sizeof path);
+  auto* copy = NewRecord<ObjectNode>(path);
+  if (!copy) return nullptr;
+  char* name = copy->name;
+  *copy = *dir;  // the child lists are shared with the source tree
+  copy->name = name;
+  copy->borrowed = 1;
+  copy->parent = root;
+  copy->next = nullptr;
+  LinkDirectory(root, copy);
+  RollUp(root, copy->size, false);
+  root->count += copy->count;
+  return copy;
+}
+
+ObjectFile* AdoptFile(ObjectNode* root, const ObjectFile* file) {
+  char path[FullPathSize];
+  FilePath(file, false, path, sizeof path);
+  auto* copy = NewRecord<ObjectFile>(path);
+  if (!copy) return nullptr;
+  char* name = copy->name;
+  *copy = *file;
+  copy->name = name;
+  copy->borrowed = 1;
+  copy->parent = root;
+  copy->next = nullptr;
+  LinkFile(root, copy);
+  RollUp(root, copy->size, false);
+  root->count += 1;
+  return copy;
+}
+
+// Each nesting level of the text is one level of the tree; instead of
+// recursing, the current directory moves down on ">" and back up when a
+// level ends. A level that ends without its "<" hands reading back to the
+// level above, which goes on; only the outermost level's end is reported.
+int ReadTree(FILE* stream, ObjectNode* dir, char* line_buffer) {
+  const struct tm no_time{};
+  ObjectNode* current = dir;
+  while (fgets(line_buffer, static_cast<int>(TreeLineSize), stream)) {
+    size_t length = strlen(line_buffer);
+    if (length > 0) line_buffer[length - 1] = '\0';  // the newline
+    const char* name = line_buffer + 1;
+    switch (line_buffer[0]) {
+      case '>': {
+        ObjectNode* child = AppendDirectory(current, name, 0, 1, no_time);
+        if (!child) return -1;
+        current = child;
+        break;
+      }
+      case '+':
+        if (!AppendFile(current, name, 0, 1, no_time)) return -1;
+        break;
+      case '<':
+        if (current == dir) return 0;
+        current = current->parent;
+        break;
+      default:
+        if (current == dir) return -1;
+        current = current->parent;
+        break;
+    }
+  }
+  return -1;
+}
+
+// ---------------------------------------------------------------------------
+// CTAR archive format
+// ---------------------------------------------------------------------------
+
+namespace {
+
+// Header layout: byte offsets and widths of the fields.
+constexpr size_t ModeField = 100;
+constexpr size_t UidField = 108;
+constexpr size_t GidField = 116;
+constexpr size_t SizeField = 124;
+constexpr size_t SizeWidth = 12;
+constexpr size_t MtimeField = 136;
+constexpr size_t ChecksumField = 148;
+constexpr size_t ChecksumWidth = 8;
+constexpr size_t TypeFlagField = 156;
+constexpr size_t FixedField1 = 257;
+constexpr size_t FixedField2 = 261;
+constexpr size_t SizeCopyField = 265;
+constexpr size_t FixedField3 = 277;
+constexpr size_t FixedField4 = 281;
+constexpr size_t LongNameField = 293;
+constexpr size_t LongNameWidth = 4;
+
+// The five pieces of the name, in name order.
+struct NamePiece {
+  size_t offset;
+  size_t width;
+};
+constexpr NamePiece Pieces[5] = {{0, 100}, {368, 70}, {159, 98}, {440, 70}, {305, 62}};
+
+// Characters a short-form header holds (pieces 1 and 2) before the name
+// needs the long-name pieces.
+constexpr size_t ShortNameMax = 170;
+
+constexpr uint32_t DirectoryBit = 0040000;
+constexpr uint64_t LargestOctalSize = 0x7FFFFFFF;
+constexpr int EmptyBlockChecksum = 256;
+
+constexpr char Alphabet64[] =
+    "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+
+char* Field(unsigned char* block, size_t offset) {
+  return reinterpret_cast<char*>(block + offset);
+}
+
+// Like strncpy into a zeroed piece: a full piece gets no terminator.
+void FillPiece(unsigned char* block, const NamePiece& piece, const char* text) {
+  memcpy(block + piece.offset, text, strnlen(text, piece.width));
+}
+
+// -1 for a character outside the base-64 alphabet.
+int Value64(unsigned char c) {
+  if (c >= 'a' && c <= 'z') return c - 59;
+  if (c >= 'A' && c <= 'Z') return c - 53;
+  if (c >= '0' && c <= '9') return c - 46;
+  if (c == '/') return 1;
+  if (c == '.') return 0;
+  return -1;
+}
+
+// Header fields are not guaranteed to be terminated inside the field; they
+// are parsed from a terminated copy so a damaged header is never read past
+// its field.
+struct FieldText {
+  char text[SizeWidth + 1];
+  FieldText(const unsigned char* block, size_t offset, size_t width) {
+    memcpy(text, block + offset, width);
+    text[width] = '\0';
+  }
+};
+
+// Appends one name piece to the output; true when a zero byte ended it.
+bool TakePiece(const unsigned char* header, const NamePiece& piece, char* out, size_t out_size,
+               size_t* used, size_t* taken) {
+  for (size_t i = 0; i < piece.width; i++) {
+    unsigned char c = header[piece.offset + i];
+    if (c == 0) return true;
+    if (*used + 1 < out_size) {
+      out[*used] = static_cast<char>(c);
+      ++*used;
+      out[*used] = '\0';
+    }
+    ++*taken;
+  }
+  return false;
+}
+
+}  // namespace
+
+int HeaderChecksum(const unsigned char block[CtarBlockSize]) {
+  uint32_t sum = 0;
+  for (size_t i = 0; i < CtarBlockSize; i++) {
+    int value = (i >= ChecksumField && i < ChecksumField + ChecksumWidth)
+                    ? ' '
+                    : static_cast<int8_t>(block[i]);
+    sum = (sum + static_cast<uint32_t>(value)) & 0xFFFF;
+  }
+  return static_cast<int>(sum);
+}
+
+void EncodeSize64(uint64_t value, unsigned char field[12]) {
+  field[0] = '#';
+  for (int i = 1; i <= 10; i++) field[i] = Alphabet64[(value >> (6 * (i - 1))) & 63];
+  field[11] = Alphabet64[value >> 60];
+}
+
+int DecodeSize64(uint64_t* value, const unsigned char field[12]) {
+  if (field[0] != '#') return -1;
+  uint64_t result = 0;
+  for (int i = 1; i <= 11; i++) {
+    int digit = Value64(field[i]);
+    if (digit < 0) break;
+    result |= static_cast<uint64_t>(digit) << (6 * (i - 1));
+  }
+  *value = result;
+  return 0;
+}
+
+unsigned char* BuildCtarHeader(unsigned char block[CtarBlockSize], const char* path, uint64_t size,
+                               uint32_t mode, struct tm mtime) {
+  unsigned char header[CtarBlockSize] = {};
+  FormatBounded(Field(header, UidField), 8, "%0*o", 7, 0u);
+  // Width 8 in an 8-byte field leaves seven zeros and the terminator, the
+  // same bytes as the uid.
+  FormatBounded(Field(header, GidField), 8, "%0*o", 8, 0u);
+  header[TypeFlagField] = '0';
+  FormatBounded(Field(header, ModeField), 8, "%0*o", 7, mode);
+  struct tm local = mtime;
+  time_t seconds = mktime(&local);
+  FormatBounded(Field(header, MtimeField), 12, "%0*lo", 11, static_cast<unsigned long>(seconds));
+
+  const bool directory = (mode & DirectoryBit) != 0;
+  char name[CtarBlockSize] = {};
+  size_t length = strlen(path) + (directory ? strlen(CtarDirectorySuffix) : 0);
+  if (length + 1 > sizeof name) {
+    // Callers keep paths within the header's work area; reaching this is a
+    // bug that would otherwise store a wrong name.
+    VFAIL("CTAR header: path of %zu characters does not fit\n", length);
+    abort();
+  }
+  CopyBounded(name, sizeof name, path);
+  if (directory) AppendBounded(name, sizeof name, CtarDirectorySuffix);
+
+  FillPiece(header, Pieces[0], name);
+  if (length > Pieces[0].width) FillPiece(header, Pieces[1], name + Pieces[0].width);
+  // A name of exactly 100 characters fills piece 1 without a terminator and
+  // leaves piece 2 empty; the flag tells the reader the name still ends.
+  if (length == Pieces[0].width || length >= ShortNameMax) {
+    FormatBounded(Field(header, LongNameField), LongNameWidth, "%0*o", 3, LONG_NAME_FLAG);
+    size_t at = length < ShortNameMax ? length : ShortNameMax;
+    for (size_t piece = 2; piece < 5; piece++) {
+      if (name[at] == '\0') break;
+      FillPiece(header, Pieces[piece], name + at);
+      at += Pieces[piece].width;
+    }
+  }
+  if (length > CtarMaxName) VFAIL("path too long\n");
+
+  FormatBounded(Field(header, FixedField1), 4, "%0*o", 3, 0u);
+  FormatBounded(Field(header, FixedField2), 4, "%0*o", 3, 0u);
+  FormatBounded(Field(header, FixedField3), 4, "%0*o", 3, 1u);
+  FormatBounded(Field(header, FixedField4), 4, "%0*o", 3, 0u);
+
+  if (size > LargestOctalSize) {
+    EncodeSize64(size, header + SizeField);
+    EncodeSize64(size, header + SizeCopyField);
+  } else {
+    auto octal = static_cast<unsigned long long>(size);
+    FormatBounded(Field(header, SizeField), SizeWidth, "%0*llo", 11, octal);
+    FormatBounded(Field(header, SizeCopyField), SizeWidth, "%0*llo", 11, octal);
+  }
+
+  FormatBounded(Field(header, ChecksumField), ChecksumWidth, "%0*o", 7,
+                static_cast<unsigned>(HeaderChecksum(header)));
+  memcpy(block, header, CtarBlockSize);
+  return block;
+}
+
+unsigned char* BuildCtarSentinel(unsigned char block[CtarBlockSize]) {
+  memset(block, 0, CtarBlockSize);
+  FormatBounded(Field(block, ChecksumField), ChecksumWidth, "%0*o", 7,
+                static_cast<unsigned>(HeaderChecksum(block)));
+  return block;
+}
+
+int ReadCtarName(char* out, size_t out_size, const unsigned char header[CtarBlockSize]) {
+  size_t used = 0;
+  size_t first = 0;
+  size_t rest = 0;
+  if (out_size > 0) out[0] = '\0';
+  if (TakePiece(header, Pieces[0], out, out_size, &used, &first)) return static_cast<int>(first);
+  if (TakePiece(header, Pieces[1], out, out_size, &used, &rest)) return static_cast<int>(first);
+  FieldText flag(header, LongNameField, LongNameWidth);
+  if ((strtol(flag.text, nullptr, 8) & LONG_NAME_FLAG) == 0) return static_cast<int>(first);
+  for (size_t piece = 2; piece < 5; piece++)
+    if (TakePiece(header, Pieces[piece], out, out_size, &used, &rest)) break;
+  return static_cast<int>(first);
+}
+
+int ReadCtarHeader(const unsigned char block[CtarBlockSize], uint64_t* size, char* name,
+                   size_t name_size) {
+  FieldText checksum(block, ChecksumField, ChecksumWidth);
+  char* end = nullptr;
+  long stored = strtol(checksum.text, &end, 8);
+  // The digits must end in a NUL that is part of the field itself.
+  if (end == checksum.text || *end != '\0' ||
+      static_cast<size_t>(end - checksum.text) >= ChecksumWidth)
+    return CtarBadChecksum;
+  int computed = HeaderChecksum(block);
+  if (stored != computed) return CtarBadChecksum;
+
+  if (computed == EmptyBlockChecksum) {
+    bool empty = true;
+    for (size_t i = 0; i < CtarBlockSize && empty; i++)
+      if ((i < ChecksumField || i >= ChecksumField + ChecksumWidth) && block[i] != 0)
+        empty = false;
+    if (empty) return CtarEnd;
+  }
+
+  uint64_t data_size = 0;
+  if (block[SizeField] == '#') {
+    DecodeSize64(&data_size, block + SizeField);
+  } else {
+    FieldText text(block, SizeField, SizeWidth);
+    char* stop = nullptr;
+    long long value = strtoll(text.text, &stop, 8);
+    if (stop == text.text || *stop != '\0' || static_cast<size_t>(stop - text.text) >= SizeWidth ||
+        value < 0)
+      return CtarBadSize;
+    data_size = static_cast<uint64_t>(value);
+  }
+  if (size) *size = data_size;
+
+  if (name) {
+    char full[CtarBlockSize];
+    ReadCtarName(full, sizeof full, block);
+    char* suffix = strstr(full, CtarDirectorySuffix);
+    if (suffix) *suffix = '\0';
+    CopyBounded(name, name_size, full);
+  }
+  return CtarEntry;
+}
+
+uint64_t CtarPaddedSize(uint64_t size) {
+  uint64_t tail = size % CtarBlockSize;
+  return tail ? size + (CtarBlockSize - tail) : size;
+}
+
+// ---------------------------------------------------------------------------
+// Listing parser, directory walk and include list
+// ---------------------------------------------------------------------------
+
+uint64_t ListCalls = 0;
+uint64_t ParseErrors = 0;
+double ListBytes = 0;
+
+namespace {
+
+bool IsBlank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+
+const char* SkipBlanks(const char* p) {
+  while (*p && IsBlank(*p)) p++;
+  return p;
+}
+
+const char* SkipField(const char* p) {
+  while (*p && !IsBlank(*p)) p++;
+  return p;
+}
+
+// The permission letters of the listing, position by position. The group and
+// other rows add the bits shown here for "r" and "w" alike; saved modes have
+// always been read this way, so it stays.
+uint32_t ListedMode(const char* text) {
+  struct Bit {
+    int position;
+    char letter;
+    uint32_t bits;
+  };
+  static const Bit bits[] = {
+      {1, 'r', 0400},  {2, 'w', 0200},  {3, 'x', 0100},  {3, 's', 04100},
+      {4, 'r', 0020},  {5, 'w', 0020},  {6, 'x', 0010},  {6, 's', 02010},
+      {7, 'r', 0002},  {8, 'w', 0002},  {9, 'x', 0001},  {9, 's', 01001},
+  };
+  uint32_t mode = text[0] == 'd' ? S_IFDIR : S_IFREG;
+  for (const Bit& b : bits)
+    if (text[b.position] == b.letter) mode |= b.bits;
+  return mode;
+}
+
+struct ParsedEntry {
+  uint32_t mode;
+  uint64_t size;
+  struct tm mtime;
+  char name[4096];  // "/" and the listed name
+};
+
+// Parses one listing line (its CR still at the end). false after reporting
+// why the line cannot be used.
+bool ParseListingLine(const char* line, ParsedEntry* entry) {
+  time_t now = time(nullptr);
+  struct tm today{};
+  if (!localtime_r(&now, &today)) {
+    VFAIL("can't break-down now\n");
+    return false;
+  }
+  size_t line_length = strlen(line);
+  char mode_text[11] = "----------";
+  memcpy(mode_text, line, line_length < 10 ? line_length : 10);
+  entry->mode = ListedMode(mode_text);
+  const char* p = line_length < 10 ? line + line_length : line + 10;
+  for (int field = 0; field < 3; field++) p = SkipField(SkipBlanks(p));  // links, owner, group
+  p = SkipBlanks(p);
+  unsigned long long size = 0;
+  int consumed = 0;
+  if (sscanf(p, "%llu%n", &size, &consumed) != 1) size = 0;
+  entry->size = size;
+  p = SkipField(p);
+
+  struct tm when = today;
+  when.tm_hour = when.tm_min = when.tm_sec = 0;
+  p = SkipBlanks(p);
+  const char* date = strptime(p, "%b %d", &when);
+  if (!date) {
+    VFAIL("can't parse date: %s\n", line);
+    return false;
+  }
+  p = SkipBlanks(date);
+  const char* after;
+  if (p[0] && p[1] && p[2] == ':') {
+    after = strptime(p, "%H:%M", &when);
+    if (!after) {
+      VFAIL("can't parse time: %s\n", line);
+      return false;
+    }
+    // A recent entry shows no year: it is this year, unless its month is
+    // still to come, which makes it last year.
+    when.tm_year = today.tm_year - (when.tm_mon > today.tm_mon ? 1 : 0);
+  } else {
+    after = strptime(p, "%Y", &when);
+    if (!after) {
+      VFAIL("can't parse year: %s\n", line);
+      return false;
+    }
+  }
+  when.tm_isdst = -1;
+  entry->mtime = when;
+
+  const char* name = SkipBlanks(after);
+  const char* end = line + line_length;  // the name stops before the last character
+  const char* arrow = strstr(name, " -> ");
+  const char* name_end = arrow ? arrow : (end > name ? end - 1 : name);
+  int name_length = static_cast<int>(name_end - name);
+  if (FormatBounded(entry->name, sizeof entry->name, "/%.*s", name_length, name) >=
+      static_cast<int>(sizeof entry->name)) {
+    VFAIL("name too long: %s\n", name);
+    return false;
+  }
+  const char* rest = name_end;
+  if (arrow) rest = SkipField(arrow + 4);  // the link target
+  rest = SkipBlanks(rest);
+  if (*rest) VFAIL("leftover %s\n", rest);
+  return true;
+}
+
+bool EndsInLib(const char* name) {
+  const char* dot = strrchr(name, '.');
+  return dot && strcmp(dot, ".LIB") == 0;
+}
+
+// Decides what becomes of one parsed entry of the directory being listed.
+void PlaceListedEntry(ListingContext* context, ParsedEntry* entry) {
+  ObjectNode* directory = context->directory;
+  // Walking into ".", ".." or an empty name would list the same directory
+  // (or its parent) again, without end; a server should not send them.
+  if (strcmp(entry->name, "/") == 0 || strcmp(entry->name, "/.") == 0 ||
+      strcmp(entry->name, "/..") == 0)
+    return;
+
+  // Exclusion is asked with the entry's full path. Below the server's root
+  // the listed path already ends in "/", and the exclude file names
+  // top-level objects with one slash, so none is doubled.
+  size_t kept = strlen(context->path);
+  bool root_listing = kept > 0 && context->path[kept - 1] == '/';
+  AppendBounded(context->path, PathBufferSize, root_listing ? entry->name + 1 : entry->name);
+  bool excluded = MatchPathFile(context->path, nullptr, Settings.exclude) == 0;
+  if (excluded && Settings.verbosity >= 1)
+    LogMessageTo(stderr, "%s: %s: excluded\n", ProgramName, context->path);
+  context->path[kept] = '\0';
+  if (excluded) {
+    MarkPartial(directory);
+    return;
+  }
+
+  bool is_directory = S_ISDIR(entry->mode);
+  if (Settings.cutoff_flag && !is_directory) {
+    struct tm copy = entry->mtime;
+    if (static_cast<int64_t>(mktime(&copy)) < Settings.cutoff_time) {
+      if (Settings.verbosity >= 1)
+        LogMessageTo(stderr, "%s: excluding %s since it's older than given time\n", ProgramName,
+                     entry->name);
+      return;
+    }
+  }
+  // A library, and the document library as a whole, is saved as one
+  // object: after the cut-off, so libraries are never dropped by it.
+  bool library = EndsInLib(entry->name) && strcmp(entry->name, "/QSYS.LIB") != 0;
+  if (library || strcmp(entry->name, "/QDLS") == 0) {
+    entry->mode = (entry->mode & ~static_cast<uint32_t>(S_IFMT)) | S_IFREG;
+    is_directory = false;
+  }
+
+  const char* listed = directory->name ? directory->name : "";
+  if (directory->parent && strcmp(listed, "/QSYS.LIB") == 0) {
+    if (!library) return;  // only libraries live on in the library directory
+    if (Settings.cutoff_flag)
+      AppendDirectory(directory, entry->name, entry->mode, entry->size, entry->mtime);
+    else
+      AppendFile(directory, entry->name, entry->mode, entry->size, entry->mtime);
+    context->found = 1;
+    return;
+  }
+  if (directory->parent || strcmp(listed, "/") == 0) {
+    if (is_directory) {
+      ObjectNode* added = AppendDirectory(directory, entry->name, entry->mode, entry->size, entry->mtime);
+      if (added && !directory->parent && strcmp(entry->name, "/QSYS.LIB") == 0) added->partial = 1;
+    } else {
+      AppendFile(directory, entry->name, entry->mode, entry->size, entry->mtime);
+    }
+    context->found = 1;
+    return;
+  }
+  // The root of an include path whose last part is a pattern.
+  const char* slash = strrchr(listed, '/');
+  const char* pattern = slash ? slash : listed;
+  if (fnmatch(pattern, entry->name, FNM_PATHNAME | FNM_LEADING_DIR) != 0) return;
+  char full[PathBufferSize];
+  FormatBounded(full, sizeof full, "%.*s%s", static_cast<int>(pattern - listed), listed, entry->name);
+  if (is_directory) {
+    ObjectNode* added = AppendDirectory(directory, full, entry->mode, entry->size, entry->mtime);
+    if (added && strcmp(entry->name, "/QSYS.LIB") == 0) added->partial = 1;
+  } else {
+    AppendFile(directory, full, entry->mode, entry->size, entry->mtime);
+  }
+  context->found = 1;
+}
+
+// Parses and places one complete line; 1 when it failed to parse.
+int TakeListingLine(ListingContext* context) {
+  if (context->carry_overflow) {
+    // A line longer than any path we could save is garbage, not a reason to
+    // give up the whole backup: it counts as a parse error like any other.
+    VFAIL("listing line too long: %.64s...\n", context->carry);
+    MarkPartial(context->directory);
+    return 1;
+  }
+  ParsedEntry entry;
+  if (!ParseListingLine(context->carry, &entry)) {
+    MarkPartial(context->directory);
+    return 1;
+  }
+  PlaceListedEntry(context, &entry);
+  return 0;
+}
+
+}  // namespace
+
+int ParseListingChunk(ListingContext* context, const char* data, int length) {
+  ListBytes += length;
+  if (Settings.verbosity > 4) {
+    std::lock_guard<std::mutex> hold(LogLock);
+    fwrite(data, 1, static_cast<size_t>(length), stdout);
+  }
+  int errors = 0;
+  int remaining = length;
+  while (remaining > 0) {
+    const char* newline = static_cast<const char*>(memchr(data, '\n', static_cast<size_t>(remaining)));
+    if (!newline) {
+      // The start of a line whose end comes with the next chunk; whatever
+      // was carried before is replaced.
+      size_t n = static_cast<size_t>(remaining);
+      context->carry_overflow = n > CarryLimit;
+      if (n > CarryLimit) n = CarryLimit;
+      memcpy(context->carry, data, n);
+      context->carry[n] = '\0';
+      return errors;
+    }
+    size_t line_length = static_cast<size_t>(newline - data);
+    size_t held = strlen(context->carry);
+    if (held + line_length > CarryLimit) {
+      context->carry_overflow = true;
+    } else {
+      memcpy(context->carry + held, data, line_length);
+      context->carry[held + line_length] = '\0';
+    }
+    errors += TakeListingLine(context);
+    context->carry[0] = '\0';
+    context->carry_overflow = false;
+    remaining -= static_cast<int>(line_length) + 1;
+    data = newline + 1;
+  }
+  return errors;
+}
+
+int ListingCallback(void* argument, char* data, int* length) {
+  auto* context = static_cast<ListingContext*>(argument);
+  if (!context) {
+    VFAIL("bad argument\n");
+    return -1;
+  }
+  // Lines that fail to parse are counted, not fatal: the transfer goes on
+  // and the walk reports them per directory.
+  context->errors += ParseListingChunk(context, data, *length);
+  *length = 0;
+  return 0;
+}
+
+int WalkDirectory(FtpSession* session, ObjectNode* dir, char* path, ListingContext* context) {
+  if (!dir->name) return 0;
+  AppendBounded(path, PathBufferSize, dir->name);
+  size_t kept = strlen(path);
+  context->directory = dir;
+  context->errors = 0;
+  context->carry[0] = '\0';
+  ListCalls++;
+  if (ListDirectory(session, path, ListingCallback, context, dir) != 0) {
+    VFAIL("list failed\n%s\n", path);
+    return -1;
+  }
+  int sum = context->errors;
+  if (sum > 0) {
+    VFAIL("%d parse errors in directory %s\n", sum, path);
+    ParseErrors += static_cast<uint64_t>(sum);
+  }
+  if (!dir->name) return sum;  // kept whole as one object of its parent
+  for (ObjectNode* child = dir->first_dir; child; child = child->next) {
+    // A library (or anything in one) that already holds changed objects is
+    // saved whole: no need to search it further.
+    if (Settings.cutoff_flag && dir->count != 0 &&
+        fnmatch("/QSYS.LIB/*.LIB", path, FNM_PATHNAME | FNM_LEADING_DIR) == 0)
+      break;
+    sum += WalkDirectory(session, child, path, context);
+    path[kept] = '\0';
+  }
+  return sum;
+}
+
+ObjectNode* BuildIncludeList(FtpSession* session) {
+  time_t now = time(nullptr);
+  struct tm local{};
+  localtime_r(&now, &local);
+  ObjectNode* root = NewDirectoryNode(nullptr, "", 0, 0, local);
+  if (!root) return nullptr;
+  auto* context = new ListingContext{};
+  std::unique_ptr<ListingContext> owned(context);
+  char* line = context->path_buffer;
+  context->path = line;
+
+  // The two special objects are always saved unless excluded by name.
+  for (const char* special : {"/Security Data", "/System Configuration"})
+    if (MatchPathFile(special, nullptr, Settings.exclude) != 0)
+      AppendFile(root, special, S_IFREG | 0600, 0, local);
+
+  if (!Settings.include) {
+    CopyBounded(line, PathBufferSize, "/");
+  } else if (!fgets(line, PathBufferSize, Settings.include)) {
+    LogMessageTo(stderr, "%s[%s:%d] : Error reading from include stream\n", ProgramName,
+                 __FILE_NAME__, __LINE__);
+    FreeTree(root);
+    return nullptr;
+  }
+  for (;;) {
+    line[PathBufferSize - 1] = '\0';
+    size_t length = strlen(line);
+    while (length > 1 && line[length - 1] == '\n') line[--length] = '\0';
+    RenameNode(root, line);
+    const char* include = root->name;
+    if (strcmp(include, "/Security Data") == 0 || strcmp(include, "/System Configuration") == 0) {
+      // already decided above
+    } else if (!strchr(include, '/')) {
+      VFAIL("Invalid object: %s\n", include);
+      if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s\n", include);
+    } else {
+      char* last = strrchr(line, '/');
+      if (last == line)
+        line[1] = '\0';  // "/x": the directory part is the root itself
+      else
+        *last = '\0';
+      if (strpbrk(line, "*?")) {
+        VFAIL("wild card error: %s\n", include);
+      } else {
+        context->directory = root;
+        context->found = 0;
+        context->errors = 0;
+        context->carry[0] = '\0';
+        ListCalls++;
+        if (ListDirectory(session, line, ListingCallback, context, root) != 0) {
+          VFAIL("list failed\n");
+          FreeTree(root);
+          return nullptr;
+        }
+        if (!context->found) {
+          LogMessage("Object not found: %s\n", include);
+          if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s\n", include);
+        }
+      }
+    }
+    if (!Settings.include || !fgets(line, PathBufferSize, Settings.include)) break;
+  }
+  RenameNode(root, "");
+  line[0] = '\0';
+  for (ObjectNode* child = root->first_dir; child; child = child->next) {
+    WalkDirectory(session, child, line, context);
+    line[0] = '\0';
+  }
+  return root;
+}
