@@ -214,3 +214,60 @@ int WalkDirectory(FtpSession* session, ObjectNode* dir, char* path, ListingConte
 // The tree of everything to back up: the special objects, each include path
 // resolved by listing its directory, then every directory walked.
 ObjectNode* BuildIncludeList(FtpSession* session);
+
+// ---------------------------------------------------------------------------
+// Writing the archive, saving objects, and the backup driver
+// ---------------------------------------------------------------------------
+
+struct TransferStats;
+
+// A worker's state for appending to the shared archive.
+struct ArchiveWriter {
+  int descriptor;  // the archive, opened once by the driver
+  alignas(512) unsigned char storage[1024];  // the block being gathered (room for two)
+  unsigned char* block;
+  int pending;      // bytes waiting in the block, 0 to 511
+  uint64_t objects;   // objects handed to the save dispatcher
+  uint64_t failures;  // objects that could not be saved
+  uint64_t calls;   // callback calls for the current object
+  int64_t bytes;    // data bytes written for the current object; then its size
+};
+
+// Receive-direction DataCallback of RETR: writes whole 512-byte blocks at
+// the archive's end, straight from the transfer buffer where it can; keeps
+// at most 511 bytes in the writer's block. 1 when bytes were left unwritten
+// (which aborts the transfer), -1 without a writer.
+int ArchiveWriteCallback(void* writer, char* buffer, int* count);
+// Cuts the archive back to offset and leaves the file position there.
+int TruncateArchive(int descriptor, int64_t offset);
+
+// What a worker returns and the driver sums.
+struct BackupTotals {
+  uint64_t attempted;
+  uint64_t failed;
+  double save_seconds;
+  double wait_seconds;
+  double transfer_seconds;
+  uint64_t bytes;
+};
+
+// Saves one object with the member of the save family its path calls for
+// and writes its report lines. 0 when saved, 1 when not.
+int ProcessObject(FtpSession* session, ObjectFile* object, int number, ArchiveWriter* writer,
+                  BackupTotals* totals);
+
+// Objects placed into the per-kind trees.
+extern uint64_t ObjectsFound;
+// The archive descriptor shared by the workers.
+extern int ArchiveDescriptor;
+
+// Sorts the include tree into one tree per ObjectKind (ObjectKindCount
+// roots), deciding which directories are saved whole.
+ObjectNode** BuildBackupList(ObjectNode* include_tree);
+void PlaceObject(ObjectNode** kinds, ObjectNode* dir, char* path);
+// Saves every object of a kind tree; 0, or -1 without a valid archive.
+int SaveBlock(FtpSession* session, ObjectNode* tree, int number, BackupTotals* totals);
+// The backup run mode: the exit status (0, 1 or 2), or -1 when the archive
+// or the lists cannot be made. Ends the process with 143 after a
+// termination request.
+int BackupDriver(FtpSession* session);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/time.h>
 
 #include <atomic>
 #include <cstdint>
@@ -110,3 +111,102 @@ int ListDirectory(FtpSession* session, const char* path, DataCallback callback, 
 // whole (the server refused to list it with CPF3CAA), -1 when fatal, -22
 // for missing input.
 int ListFailed(const char* reply, ObjectNode* directory);
+
+// ---------------------------------------------------------------------------
+// Saving objects into the session's save file and retrieving it
+// ---------------------------------------------------------------------------
+
+struct ObjectFile;
+struct ArchiveWriter;
+
+// Seconds spent on one object: the save command, waiting for the archive,
+// and the transfer into it.
+struct TransferStats {
+  double save_seconds;
+  double wait_seconds;
+  double transfer_seconds;
+};
+
+// Thrown at a retrieval's end when a termination was requested: the worker
+// thread ends there, its entry whole. Caught only at the thread's top.
+struct ThreadExit {};
+void EndThreadIfTerminating();
+
+// The save family: each saves the object (its name a full server path) into
+// QTEMP/SAV<number> and retrieves the save file into the archive through
+// callback and writer. 0 on success, -1 on failure.
+int SAV(FtpSession* session, ObjectFile* object, int number, TransferStats* stats, DataCallback callback,
+        void* writer);
+int SAVLIB(FtpSession* session, ObjectFile* object, int number, TransferStats* stats, DataCallback callback,
+           void* writer);
+int SAVDLO(FtpSession* session, ObjectFile* object, int number, TransferStats* stats, DataCallback callback,
+           void* writer);
+int SAVSECDTA(FtpSession* session, ObjectFile* object, int number, TransferStats* stats,
+              DataCallback callback, void* writer);
+int SAVCFG(FtpSession* session, ObjectFile* object, int number, TransferStats* stats, DataCallback callback,
+           void* writer);
+
+// Fetches the save file with RETR and appends it as one entry to the
+// archive, under ArchiveLock. `checkpoint` is the caller's outer checkpoint
+// flags, put back after the RETR; `locked` receives the moment the lock was
+// held. 0, or -1 (the entry is completed from whatever arrived).
+int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* object, const char* savf_path,
+                      struct timeval* locked, DataCallback callback, ArchiveWriter* writer);
+
+// ---------------------------------------------------------------------------
+// Restore command family
+//
+// Each member uploads one archive entry into the session's save file
+// QTEMP/SAVTEMP and runs the IBM i restore command for its kind of object.
+// QTEMP is private to the server job of the session, so the name needs no
+// number. All members are protected operations: a broken connection before
+// the upload repeats the set-up, one during or after the upload fails the
+// entry, because the archive bytes already sent cannot be read again.
+// ---------------------------------------------------------------------------
+
+struct StringList;
+struct StringPair;
+
+constexpr const char* SaveTempFile = "QTEMP/SAVTEMP";
+constexpr const char* SaveTempUpload = "/QSYS.LIB/QTEMP.LIB/SAVTEMP.SAVF";
+constexpr const char* SaveTempDevice = "/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE";
+// Restore replies are kept to 127 characters: enough for the phrases that
+// ClassifyRestoreReply looks for, and what the failure messages quote.
+constexpr int RestoreReplySize = 128;
+
+// Filled by the restore commands when the caller gives one and the clock
+// can be read; the caller clears it for every entry.
+struct RestoreTimes {
+  double restore_seconds;   // end of the upload to the end of the (last) restore command
+  double unused;            // never written here
+  double transfer_seconds;  // duration of the STOR
+};
+
+// One upload, then one RST per pair of the list (path, optional new
+// location), each with the exclude file's lines below the path as *OMIT.
+// Below release V5R4M0 the parents of the target are made with MKD first;
+// from it on RST creates them (CRTPRNDIR). Gives the last pair's result.
+int RestoreIfsObjects(FtpSession* session, const StringList* objects, RestoreTimes* times,
+                      DataCallback send, void* argument);
+// RSTLIB of the pair's library, under the pair's second path when given.
+// A path that is not a library, or a destination that is not a library
+// name of at most ten characters, is refused before anything is sent.
+int RestoreLibrary(FtpSession* session, const StringPair* pair, RestoreTimes* times,
+                   DataCallback send, void* argument);
+// These three restore everything in the save file to its saved place.
+// RestoreDocuments gives SendCommand's result (1 or -1) when RSTDLO fails.
+int RestoreDocuments(FtpSession* session, const char* name, RestoreTimes* times,
+                     DataCallback send, void* argument);
+int RestoreUserProfiles(FtpSession* session, const char* name, RestoreTimes* times,
+                        DataCallback send, void* argument);
+int RestoreConfiguration(FtpSession* session, const char* name, RestoreTimes* times,
+                         DataCallback send, void* argument);
+// RSTAUT USRPRF(*ALL): no upload; after a recovery it is simply sent again.
+int RestoreAuthority(FtpSession* session);
+
+// Judges the reply text of a restore command the server called failed: the
+// count of "<n> objects restored" or "<n> libraries restored" (0 when it is
+// not a positive number followed by a blank), 1 for "Not all ..." and for an
+// empty save file, -1 otherwise. Only the first occurrence of each phrase's
+// initial letter is examined.
+int ClassifyRestoreReply(const char* text);

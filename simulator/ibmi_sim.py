@@ -317,6 +317,10 @@ class SimHandler(FTPHandler):
             return
         reply = st.reply_for(line)
         if reply is not None and not reply.apply:
+            # A refused transfer closes the passive connection the client
+            # opened for it, as an IBM i does.
+            if line[:4].upper() in ("RETR", "STOR", "LIST", "NLST"):
+                self._close_data()
             self.respond(reply.reply)
             return
         self._override = reply.reply if reply is not None else None

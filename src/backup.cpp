@@ -2,14 +2,21 @@
 // directory walk that fill it, and the CTAR archive format.
 #include "backup.h"
 
+#include <fcntl.h>
 #include <fnmatch.h>
+#include <pthread.h>
 #include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <vector>
 
 #include "ftp.h"
 #include "support.h"
@@ -976,4 +983,406 @@ ObjectNode* BuildIncludeList(FtpSession* session) {
     line[0] = '\0';
   }
   return root;
+}
+
+// ---------------------------------------------------------------------------
+// Archive writing
+// ---------------------------------------------------------------------------
+
+int ArchiveWriteCallback(void* argument, char* buffer, int* count) {
+  auto* writer = static_cast<ArchiveWriter*>(argument);
+  if (!writer) {
+    VFAIL("bad argument\n");
+    return -1;
+  }
+  if (*count <= 0) {
+    writer->calls++;
+    return 0;
+  }
+  const size_t block_size = CtarBlockSize;
+  char* at = buffer;
+  for (;;) {
+    if (writer->pending > 0) {
+      size_t room = block_size - static_cast<size_t>(writer->pending);
+      size_t take = static_cast<size_t>(*count) < room ? static_cast<size_t>(*count) : room;
+      memcpy(writer->block + writer->pending, at, take);
+      *count -= static_cast<int>(take);
+      at += take;
+      writer->pending += static_cast<int>(take);
+      if (writer->pending < static_cast<int>(block_size)) {
+        writer->calls++;
+        return *count > 0;
+      }
+      ssize_t written = write(writer->descriptor, writer->block, block_size);
+      if (written != static_cast<ssize_t>(block_size)) {
+        // The block is lost; the entry will be cut back or end short.
+        if (written < 0)
+          VFAIL("write(): %s\n", strerror(errno));
+        else
+          VFAIL("write(,, %d) = %d\n", static_cast<int>(block_size), static_cast<int>(written));
+        writer->calls++;
+        return *count > 0;
+      }
+      writer->bytes += static_cast<int64_t>(block_size);
+      writer->pending = 0;
+    }
+    if (*count < static_cast<int>(block_size)) {
+      memcpy(writer->block, at, static_cast<size_t>(*count));
+      writer->pending = *count;
+      *count = 0;
+      writer->calls++;
+      return 0;
+    }
+    // Whole blocks go out straight from the transfer buffer in one write.
+    size_t whole = static_cast<size_t>(*count) / block_size * block_size;
+    ssize_t written = write(writer->descriptor, at, whole);
+    if (written < 0) {
+      VFAIL("write(, 0x%X, %d): %s\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(at)),
+            static_cast<int>(written), strerror(errno));
+      writer->calls++;
+      return 1;
+    }
+    if (written == 0) {
+      writer->calls++;
+      return 1;
+    }
+    *count -= static_cast<int>(written);
+    at += written;
+    writer->bytes += written;
+    if (*count == 0) {
+      writer->calls++;
+      return 0;
+    }
+  }
+}
+
+int TruncateArchive(int descriptor, int64_t offset) {
+  if (lseek64(descriptor, offset, SEEK_SET) != offset) {
+    VFAIL("lseek(): %s\n", strerror(errno));
+    return -1;
+  }
+  if (ftruncate64(descriptor, offset) != 0) {
+    VFAIL("ftruncate64(): %s\n", strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Saving objects and the backup driver
+// ---------------------------------------------------------------------------
+
+uint64_t ObjectsFound = 0;
+int ArchiveDescriptor = -1;
+
+namespace {
+
+uint64_t PlacedUnits = 0;
+
+double Now() {
+  struct timeval t{};
+  gettimeofday(&t, nullptr);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1000000;
+}
+
+struct WorkerArgument {
+  uint32_t number;  // the kind index
+  ObjectNode* tree;
+};
+
+void ReportThreadTotals(uint32_t number, const BackupTotals& totals) {
+  if (totals.attempted == 0) {
+    LogMessage("** No objects attempted\n");
+    return;
+  }
+  char unit;
+  double bytes = ScaleBinary(static_cast<double>(totals.bytes), &unit);
+  LogMessage("** Thread %d Complete\n", static_cast<int>(number));
+  LogMessage("** Backed up %.3f %cB\n", bytes, unit);
+  LogMessage("** Total Save Time: %.3f s\n", totals.save_seconds);
+  LogMessage("** Total Wait Time: %.3f s\n", totals.wait_seconds);
+  LogMessage("** Total Xfer Time: %.3f s\n", totals.transfer_seconds);
+  LogMessage("** Total Blocks Attempted: %d\n", static_cast<int>(totals.attempted));
+  LogMessage("** Total Blocks Failed   : %d\n", static_cast<int>(totals.failed));
+}
+
+void* BackupWorker(void* argument) {
+  // Nothing may escape a thread: a termination request ends the worker
+  // here, with its entry whole and no totals to return.
+  try {
+    auto* work = static_cast<WorkerArgument*>(argument);
+    auto* totals = new (std::nothrow) BackupTotals{};
+    if (!totals) {
+      VFAIL("Failed to allocate return structure\n");
+      return nullptr;
+    }
+    uint32_t number = RegisterThread(-1);
+    FtpSession* session = NewSession(Settings.server, "ftp");
+    if (session && Login(session, Settings.user, Settings.passphrase) != 0) {
+      VFAIL("login failed\n");
+      Quit(session);
+      session = nullptr;
+    }
+    SaveBlock(session, work->tree, static_cast<int>(number), totals);
+    if (session) Quit(session);
+    if (Settings.verbosity >= 1) ReportThreadTotals(number, *totals);
+    return totals;
+  } catch (const ThreadExit&) {
+    return nullptr;
+  } catch (...) {
+    VFAIL("worker ended by an unexpected error\n");
+    return nullptr;
+  }
+}
+
+// Adds what a worker returned, or counts its whole tree as failed.
+void CollectWorker(pthread_t thread, int index, ObjectNode* tree, BackupTotals* sum) {
+  void* returned = nullptr;
+  pthread_join(thread, &returned);
+  auto* totals = static_cast<BackupTotals*>(returned);
+  if (!totals) {
+    VFAIL("Failed to retrieve return structure from thread %d\n", index);
+    sum->attempted += tree->count;
+    sum->failed += tree->count;
+    return;
+  }
+  sum->attempted += totals->attempted;
+  sum->failed += totals->failed;
+  sum->save_seconds += totals->save_seconds;
+  sum->wait_seconds += totals->wait_seconds;
+  sum->transfer_seconds += totals->transfer_seconds;
+  sum->bytes += totals->bytes;
+  delete totals;
+}
+
+}  // namespace
+
+int ProcessObject(FtpSession* session, ObjectFile* object, int number, ArchiveWriter* writer,
+                  BackupTotals* totals) {
+  writer->objects++;
+  writer->pending = 0;
+  writer->calls = 0;
+  writer->bytes = 0;
+  int (*save)(FtpSession*, ObjectFile*, int, TransferStats*, DataCallback, void*) = SAV;
+  const char* name = object->name;
+  if (strcmp(name, "/QDLS") == 0)
+    save = SAVDLO;
+  else if (strcmp(name, "/System Configuration") == 0)
+    save = SAVCFG;
+  else if (strcmp(name, "/Security Data") == 0)
+    save = SAVSECDTA;
+  else if (strncmp(name, "/QSYS.LIB/", 10) == 0)
+    save = SAVLIB;
+  TransferStats stats{};
+  if (save(session, object, number, &stats, ArchiveWriteCallback, writer) != 0) {
+    LogMessageTo(stderr, "Backup Failure: %s\n", object->name);
+    if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s\n", object->name);
+    writer->failures++;
+    return 1;
+  }
+  LogMessage("Backup Success: %s\n", object->name);
+  totals->save_seconds += stats.save_seconds;
+  totals->wait_seconds += stats.wait_seconds;
+  totals->transfer_seconds += stats.transfer_seconds;
+  if (Settings.verbosity >= 2) {
+    char unit;
+    double bytes = static_cast<double>(writer->bytes);
+    if (writer->bytes >= 0) {
+      double shown = ScaleDecimal(bytes, &unit);
+      LogMessage("Size: %.3f %cB\n", shown, unit);
+    }
+    if (stats.save_seconds > 0) {
+      double rate = ScaleDecimal(bytes / stats.save_seconds, &unit);
+      LogMessage("Save: %7.3f s %.3f %cB/s\n", stats.save_seconds, rate, unit);
+    }
+    if (stats.wait_seconds > 0) LogMessage("Wait: %7.3f s\n", stats.wait_seconds);
+    if (stats.transfer_seconds > 0) {
+      double rate = ScaleDecimal(bytes / stats.transfer_seconds, &unit);
+      LogMessage("Xfer: %7.3f s %.3f %cB/s\n", stats.transfer_seconds, rate, unit);
+    }
+  }
+  return 0;
+}
+
+void PlaceObject(ObjectNode** kinds, ObjectNode* dir, char* path) {
+  AppendBounded(path, PathBufferSize, dir->name ? dir->name : "");
+  const size_t length = strlen(path);
+  if (strncmp(path, "/QSYS.LIB/", 10) == 0) {
+    // A library listed because of --date: saved whole, unless nothing in it
+    // changed.
+    if (!(Settings.cutoff_flag && dir->count == 0))
+      AppendFile(kinds[ClassifyPath(path)], path, dir->mode, dir->size, dir->mtime);
+    return;
+  }
+  if (dir->parent && !dir->partial && (dir->size <= Settings.max_block_size || dir->count == 0)) {
+    if (!(Settings.cutoff_flag && dir->count == 0)) {
+      AdoptDirectory(kinds[ClassifyPath(path)], dir);
+      ObjectsFound += dir->count;
+      PlacedUnits++;
+    }
+    return;
+  }
+  for (ObjectFile* file = dir->first_file; file; file = file->next) {
+    AppendBounded(path, PathBufferSize, file->name ? file->name : "");
+    ObjectKind kind = ClassifyPath(path);
+    path[length] = '\0';
+    AdoptFile(kinds[kind], file);
+    ObjectsFound++;
+    PlacedUnits++;
+  }
+  for (ObjectNode* child = dir->first_dir; child; child = child->next) {
+    if (!child->name) continue;
+    PlaceObject(kinds, child, path);
+    path[length] = '\0';
+  }
+}
+
+ObjectNode** BuildBackupList(ObjectNode* include_tree) {
+  const int count = ObjectKindCount();
+  auto** kinds = new (std::nothrow) ObjectNode*[count];
+  if (!kinds) return nullptr;
+  for (int i = 0; i < count; i++) {
+    kinds[i] = NewDirectoryNode(nullptr, "", 0, 0, tm{});
+    if (!kinds[i]) {
+      delete[] kinds;
+      return nullptr;
+    }
+  }
+  char path[PathBufferSize] = "";
+  PlaceObject(kinds, include_tree, path);
+  return kinds;
+}
+
+int SaveBlock(FtpSession* session, ObjectNode* tree, int number, BackupTotals* totals) {
+  auto writer = std::make_unique<ArchiveWriter>();
+  writer->descriptor = ArchiveDescriptor;
+  writer->block = writer->storage;
+  if (writer->descriptor < 0) {
+    VFAIL("open(%s): %s\n", Settings.backup_path, strerror(EBADF));
+    return -1;
+  }
+  totals->attempted = 0;
+  totals->failed = 0;
+  for (ObjectNode* dir = tree->first_dir; dir; dir = dir->next) {
+    totals->attempted += dir->count;
+    ObjectFile* unit = NewFileNode(nullptr, dir->name, dir->mode, 0, dir->mtime);
+    if (unit && ProcessObject(session, unit, number, writer.get(), totals) == 0) {
+      if (Settings.catalog) DumpTree(Settings.catalog, dir, true);
+    } else {
+      // Kept as it always was: a failed directory sets the count, it does
+      // not add to it.
+      totals->failed = dir->count;
+    }
+    if (unit) FreeFileList(unit);
+    totals->bytes += static_cast<uint64_t>(writer->bytes > 0 ? writer->bytes : 0);
+  }
+  for (ObjectFile* file = tree->first_file; file; file = file->next) {
+    totals->attempted++;
+    if (ProcessObject(session, file, number, writer.get(), totals) == 0) {
+      if (Settings.catalog) PrintFilePath(Settings.catalog, file);
+    } else {
+      totals->failed++;
+    }
+    totals->bytes += static_cast<uint64_t>(writer->bytes > 0 ? writer->bytes : 0);
+  }
+  return 0;
+}
+
+int BackupDriver(FtpSession* session) {
+  BackupTotals sum{};
+  const int kind_count = ObjectKindCount();
+  std::vector<pthread_t> threads(static_cast<size_t>(kind_count));
+  std::vector<bool> started(static_cast<size_t>(kind_count), false);
+  const double t0 = Now();
+
+  int descriptor = open(Settings.backup_path, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  if (descriptor < 0) {
+    VFAIL("open(%s): %s\n", Settings.backup_path, strerror(errno));
+    return -1;
+  }
+  ArchiveDescriptor = descriptor;
+  LogMessage("Building Object Lists\n");
+  ObjectNode* include_tree = BuildIncludeList(session);
+  if (!include_tree) {
+    VFAIL("BuildIncludeList failed\n");
+    return -1;
+  }
+  LogMessage("Building Block Lists\n");
+  ObjectNode** kinds = BuildBackupList(include_tree);
+  if (!kinds) {
+    VFAIL("BuildBackupList failed\n");
+    return -1;
+  }
+  const double t1 = Now();
+  // The archive is valid, and empty, before any entry is appended.
+  unsigned char sentinel[CtarBlockSize];
+  if (write(descriptor, BuildCtarSentinel(sentinel), CtarBlockSize) != static_cast<ssize_t>(CtarBlockSize))
+    VFAIL("CTAR sentinel failed write(): %s\n", strerror(errno));
+
+  // Security data and configuration run alone and first; the other kinds
+  // then run side by side, or one after another without threading.
+  for (int i = 0; i < kind_count; i++) {
+    ObjectNode* tree = kinds[i];
+    if (!tree || tree->count == 0) continue;
+    auto* argument = new (std::nothrow) WorkerArgument{static_cast<uint32_t>(i), tree};
+    if (!argument) {
+      VFAIL("Failed to allocate argument structure for thread %d\n", i);
+      sum.attempted += tree->count;
+      sum.failed += tree->count;
+      continue;
+    }
+    int error = pthread_create(&threads[static_cast<size_t>(i)], nullptr, BackupWorker, argument);
+    if (error != 0) {
+      VFAIL("pthread_create(): %s\n", strerror(error));
+      sum.attempted += tree->count;
+      sum.failed += tree->count;
+      delete argument;
+      continue;
+    }
+    started[static_cast<size_t>(i)] = true;
+    if (i == 0 || !Settings.threading) {
+      CollectWorker(threads[static_cast<size_t>(i)], i, tree, &sum);
+      started[static_cast<size_t>(i)] = false;
+      delete argument;
+    }
+  }
+  for (int i = 1; i < kind_count; i++)
+    if (started[static_cast<size_t>(i)]) CollectWorker(threads[static_cast<size_t>(i)], i, kinds[i], &sum);
+
+  if (TerminationRequested.load()) {
+    VFAIL("Backup Terminated Cleanly\n");
+    exit(143);
+  }
+  const double t2 = Now();
+  LogMessage("** Backup Complete\n");
+  char unit;
+  if (ListBytes > 0) {
+    double shown = ScaleBinary(ListBytes, &unit);
+    LogMessage("** Total List Data: %.3f %cB\n", shown, unit);
+    LogMessage("** List Called    : %llu\n", static_cast<unsigned long long>(ListCalls));
+    LogMessage("** Total List Time: %.3f\n", t1 - t0);
+    LogMessage("** Objects Found  : %llu\n", static_cast<unsigned long long>(ObjectsFound));
+  }
+  if (ParseErrors != 0 || Settings.verbosity >= 1)
+    LogMessage("** Parsing Errors : %llu\n", static_cast<unsigned long long>(ParseErrors));
+  int status = 0;
+  if (sum.attempted > 0) {
+    double shown = ScaleBinary(static_cast<double>(sum.bytes), &unit);
+    LogMessage("** Backed up %.3f %cB in %.3f s\n", shown, unit, t2 - t1);
+    LogMessage("** Total Save Time: %.3f s\n", sum.save_seconds);
+    LogMessage("** Total Wait Time: %.3f s\n", sum.wait_seconds);
+    LogMessage("** Total Xfer Time: %.3f s\n", sum.transfer_seconds);
+    LogMessage("** Total Objects Attempted: %d\n", static_cast<int>(sum.attempted));
+    LogMessage("** Total Objects Failed   : %d\n", static_cast<int>(sum.failed));
+    uint64_t bad = ParseErrors + sum.failed;
+    if (bad * 100 / (ParseErrors + sum.attempted) > 9)
+      status = 2;
+    else if (bad != 0)
+      status = 1;
+  } else {
+    LogMessage("** No objects attempted\n");
+  }
+  delete[] kinds;
+  FreeTree(include_tree);
+  return status;
 }

@@ -3,7 +3,10 @@
 #include "ftp.h"
 
 #include <pthread.h>
+#include <sys/time.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -345,6 +348,595 @@ int ListFailed(const char* reply, ObjectNode* directory) {
 // Save command family
 // ---------------------------------------------------------------------------
 
+namespace {
+
+double Elapsed(const struct timeval& from, const struct timeval& to) {
+  return static_cast<double>(to.tv_sec - from.tv_sec) +
+         static_cast<double>(to.tv_usec - from.tv_usec) / 1000000;
+}
+
+bool WriteBlock(int descriptor, const unsigned char* block) {
+  ssize_t written = write(descriptor, block, CtarBlockSize);
+  if (written == static_cast<ssize_t>(CtarBlockSize)) return true;
+  if (written < 0)
+    VFAIL("write(): %s\n", strerror(errno));
+  else
+    VFAIL("write(,, %d) = %d\n", static_cast<int>(CtarBlockSize), static_cast<int>(written));
+  return false;
+}
+
+// What a failed save reply means for the object.
+enum class PartialRule {
+  None,          // every failure fails
+  NotSavedCount, // 550 "<n> objects saved. <m> objects not saved.." with precheck off
+  AnyFailure,    // with precheck off every failure is a partial save
+};
+
+struct SaveCommand {
+  const char* label;  // "SAV", "SAVLIB", ... as the messages name it
+  bool name_format;   // only the members that name an object need NAMEFMT
+  PartialRule partial;
+};
+
+// Checks a failed save reply for the partial-save phrase; on a match gives
+// the number of objects not saved (as text) and its length.
+bool NotSavedCount(const char* reply, const char** count, int* length) {
+  if (!strstr(reply, "550")) return false;
+  const char* saved = strstr(reply, "objects saved. ");
+  if (!saved) return false;
+  const char* from = saved + strlen("objects saved. ");
+  const char* not_saved = strstr(from, " objects not saved..");
+  if (!not_saved) return false;
+  *count = from;
+  *length = static_cast<int>(not_saved - from);
+  return true;
+}
+
+void ReportPartial(const char* format_count, int length, const char* name, const char* reply) {
+  // The object counts as saved; what it left behind is listed for the
+  // operator all the same.
+  if (format_count) {
+    if (Settings.verbosity >= 1)
+      LogMessageTo(stdout, "%s: %.*s objects not saved\n", name, length, format_count);
+    if (Settings.notbackedup)
+      LogMessageTo(Settings.notbackedup, "%s: %.*s objects not saved\n", name, length, format_count);
+  } else {
+    if (Settings.verbosity >= 1) LogMessageTo(stdout, "%s: %s\n", name, reply);
+    if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s: %s\n", name, reply);
+  }
+}
+
+// The save family shares everything but the command and the judgement of
+// a failed reply: settings, the save file, the command, then retrieval.
+int RunSave(FtpSession* session, ObjectFile* object, int number, TransferStats* stats,
+            DataCallback callback, void* writer, const SaveCommand& save,
+            int (*build)(char* command, ObjectFile* object, int number)) {
+  if (!IsSession(session)) return -1;
+  const uint8_t outer = session->checkpoint_flags;
+  return RunProtected(session, [&]() -> int {
+    if (EnsureParameter(session, &session->structure, 'F', "STRU F", "STRU") != 0 ||
+        EnsureParameter(session, &session->mode, 'S', "MODE S", "MODE") != 0 ||
+        EnsureParameter(session, &session->type, 'I', "TYPE I", "TYPE") != 0 ||
+        (save.name_format &&
+         EnsureParameter(session, &session->name_format, '1', "SITE NAMEFMT 1", "NAMEFMT") != 0))
+      return -1;
+    char command[CommandBufferSize];
+    FormatBounded(command, sizeof command, "RCMD CLRSAVF FILE(QTEMP/SAV%d)", number);
+    if (SendCommand(session->control, command, nullptr, 0, nullptr, nullptr, nullptr) != 0) {
+      // The save file does not exist yet in this job.
+      FormatBounded(command, sizeof command, "RCMD CRTSAVF FILE(QTEMP/SAV%d)", number);
+      if (SendCommand(session->control, command, nullptr, 0, nullptr, nullptr, nullptr) != 0) {
+        VFAIL("CRTSAVF command failed\n");
+        return -1;
+      }
+    }
+    if (build(command, object, number) != 0) return -1;
+
+    struct timeval started{}, saved{};
+    if (stats) gettimeofday(&started, nullptr);
+    char reply[ShortReplySize] = "";
+    if (SendCommand(session->control, command, reply, sizeof reply, nullptr, nullptr, nullptr) != 0) {
+      reply[sizeof reply - 1] = '\0';
+      const char* count = nullptr;
+      int length = 0;
+      bool partial = false;
+      if (!Settings.precheck && save.partial == PartialRule::NotSavedCount &&
+          NotSavedCount(reply, &count, &length)) {
+        ReportPartial(count, length, object->name, reply);
+        partial = true;
+      } else if (!Settings.precheck && save.partial == PartialRule::AnyFailure) {
+        ReportPartial(nullptr, 0, object->name, reply);
+        partial = true;
+      }
+      if (!partial) {
+        VFAIL("%s command failed\n  %s\n", save.label, reply);
+        return -1;
+      }
+    }
+    if (stats) {
+      gettimeofday(&saved, nullptr);
+      stats->save_seconds = Elapsed(started, saved);
+    }
+    // The save ran: from here a broken connection fails the object rather
+    // than saving it a second time.
+    PassPointOfNoReturn(session);
+    char path[64];
+    FormatBounded(path, sizeof path, "/QSYS.LIB/QTEMP.LIB/SAV%d.SAVF", number);
+    struct timeval locked = saved;
+    int result = RetrieveToArchive(session, outer, object, path, &locked, callback,
+                                   static_cast<ArchiveWriter*>(writer));
+    if (stats) {
+      struct timeval done{};
+      gettimeofday(&done, nullptr);
+      stats->wait_seconds = Elapsed(saved, locked);
+      stats->transfer_seconds = Elapsed(locked, done);
+    }
+    return result;
+  });
+}
+
+int BuildSav(char* command, ObjectFile* object, int number) {
+  // A trailing slash would name the directory's contents, not the directory.
+  size_t length = strlen(object->name);
+  if (length > 1 && object->name[length - 1] == '/') object->name[length - 1] = '\0';
+  int n = FormatBounded(command, CommandBufferSize,
+                        "RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/SAV%d.FILE') OBJ(('\"%s\"')) SUBTREE(*ALL) "
+                        "PRECHK(%s) UPDHST(*NO) SAVACT(*YES)",
+                        number, QuoteForCL(object->name), Settings.precheck ? "*YES" : "*NO");
+  if (Settings.cutoff_flag && n < CommandBufferSize)
+    n += FormatBounded(command + n, CommandBufferSize - static_cast<size_t>(n), " CHGPERIOD('%s' '%s')",
+                       Settings.cutoff_date_text, Settings.cutoff_time_text);
+  if (n >= CommandBufferSize) {
+    VFAIL("SAV command too long\n");
+    return -1;
+  }
+  return 0;
+}
+
+int BuildSavlib(char* command, ObjectFile* object, int number) {
+  const char* last = strrchr(object->name, '/');
+  last = last ? last + 1 : object->name;
+  const char* dot = strrchr(last, '.');
+  if (!dot || strcmp(dot, ".LIB") != 0) {
+    VFAIL("bad library name\n");
+    return -1;
+  }
+  int n = FormatBounded(command, CommandBufferSize,
+                        "RCMD SAVLIB LIB(%.*s) DEV(*SAVF) SAVF(QTEMP/SAV%d) PRECHK(%s) UPDHST(*NO) "
+                        "SAVACT(*SYNCLIB) SAVACTWAIT(%s) ACCPTH(*YES)",
+                        static_cast<int>(dot - last), last, number, Settings.precheck ? "*YES" : "*NO",
+                        Settings.wait_text ? Settings.wait_text : "120");
+  if (n >= CommandBufferSize) {
+    VFAIL("SAVLIB command too long\n");
+    return -1;
+  }
+  return 0;
+}
+
+int BuildSavdlo(char* command, ObjectFile*, int number) {
+  FormatBounded(command, CommandBufferSize, "RCMD SAVDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAV%d) SAVACT(*YES)",
+                number);
+  return 0;
+}
+
+int BuildSavsecdta(char* command, ObjectFile*, int number) {
+  FormatBounded(command, CommandBufferSize, "RCMD SAVSECDTA DEV(*SAVF) SAVF(QTEMP/SAV%d) PRECHK(%s)", number,
+                Settings.precheck ? "*YES" : "*NO");
+  return 0;
+}
+
+int BuildSavcfg(char* command, ObjectFile*, int number) {
+  FormatBounded(command, CommandBufferSize, "RCMD SAVCFG DEV(*SAVF) SAVF(QTEMP/SAV%d) PRECHK(%s)", number,
+                Settings.precheck ? "*YES" : "*NO");
+  return 0;
+}
+
+}  // namespace
+
+void EndThreadIfTerminating() {
+  if (TerminationRequested.load()) throw ThreadExit{};
+}
+
+int SAV(FtpSession* session, ObjectFile* object, int number, TransferStats* stats, DataCallback callback,
+        void* writer) {
+  return RunSave(session, object, number, stats, callback, writer, {"SAV", true, PartialRule::NotSavedCount},
+                 BuildSav);
+}
+
+int SAVLIB(FtpSession* session, ObjectFile* object, int number, TransferStats* stats, DataCallback callback,
+           void* writer) {
+  return RunSave(session, object, number, stats, callback, writer, {"SAVLIB", true, PartialRule::AnyFailure},
+                 BuildSavlib);
+}
+
+int SAVDLO(FtpSession* session, ObjectFile* object, int number, TransferStats* stats, DataCallback callback,
+           void* writer) {
+  return RunSave(session, object, number, stats, callback, writer, {"SAVDLO", false, PartialRule::None},
+                 BuildSavdlo);
+}
+
+int SAVSECDTA(FtpSession* session, ObjectFile* object, int number, TransferStats* stats,
+              DataCallback callback, void* writer) {
+  return RunSave(session, object, number, stats, callback, writer,
+                 {"SAVSECDTA", false, PartialRule::NotSavedCount}, BuildSavsecdta);
+}
+
+int SAVCFG(FtpSession* session, ObjectFile* object, int number, TransferStats* stats, DataCallback callback,
+           void* writer) {
+  return RunSave(session, object, number, stats, callback, writer,
+                 {"SAVCFG", false, PartialRule::NotSavedCount}, BuildSavcfg);
+}
+
+int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* object, const char* savf_path,
+                      struct timeval* locked, DataCallback callback, ArchiveWriter* writer) {
+  char command[CommandBufferSize];
+  FormatBounded(command, sizeof command, "RETR %s", savf_path);
+  const int descriptor = writer->descriptor;
+  TakeArchiveLock();
+  gettimeofday(locked, nullptr);
+  // The archive ends with its sentinel; the entry's data goes behind it,
+  // and the header replaces it once the entry is whole.
+  const off64_t start = lseek64(descriptor, 0, SEEK_END);
+  char reply[ShortReplySize] = "";
+  int result = 0;
+  int sent = SendCommand(session->control, command, reply, sizeof reply, callback, nullptr, writer);
+  session->checkpoint_flags = checkpoint;
+  if (sent != 0) {
+    reply[sizeof reply - 1] = '\0';
+    result = -1;
+    VFAIL("RETR command failed\n  %s\n", reply);
+  }
+  // Whatever arrived is closed off as an entry: pad the last block, write a
+  // new sentinel behind the data, then the header over the old sentinel. An
+  // interruption at any point leaves the old sentinel as the archive's end.
+  if (writer->pending > 0) {
+    memset(writer->block + writer->pending, 0, CtarBlockSize - static_cast<size_t>(writer->pending));
+    if (!WriteBlock(descriptor, writer->block)) {
+      result = -1;
+      TruncateArchive(descriptor, start);
+    }
+    writer->bytes += writer->pending;
+    writer->pending = 0;
+  }
+  if (writer->bytes <= 0) {
+    TruncateArchive(descriptor, start);
+    LogMessage("Block returned no data\n");
+  } else {
+    unsigned char block[CtarBlockSize];
+    if (write(descriptor, BuildCtarSentinel(block), CtarBlockSize) != static_cast<ssize_t>(CtarBlockSize)) {
+      VFAIL("CTAR sentinel failed write(): %s\n", strerror(errno));
+      result = -1;
+      TruncateArchive(descriptor, start);
+    }
+    BuildCtarHeader(block, object->name, static_cast<uint64_t>(writer->bytes), object->mode, object->mtime);
+    if (lseek64(descriptor, start - static_cast<off64_t>(CtarBlockSize), SEEK_SET) < 0 ||
+        write(descriptor, block, CtarBlockSize) != static_cast<ssize_t>(CtarBlockSize)) {
+      VFAIL("CTAR header failed to update: %s\n", strerror(errno));
+      result = -1;
+      TruncateArchive(descriptor, start);
+    }
+  }
+  ReleaseArchiveLockIfHeld();
+  EndThreadIfTerminating();
+  return result;
+}
+
 // ---------------------------------------------------------------------------
 // Restore command family
 // ---------------------------------------------------------------------------
+
+#include <strings.h>
+#include <sys/time.h>
+
+#include <cctype>
+#include <climits>
+#include <cstddef>
+
+namespace {
+
+// Seconds of the wall clock; false when it cannot be read, so that no time
+// is reported rather than a wrong one.
+bool RestoreClock(double* seconds) {
+  struct timeval now{};
+  if (gettimeofday(&now, nullptr) != 0) return false;
+  *seconds = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1e6;
+  return true;
+}
+
+// When the upload ended, as far as the clock could tell.
+struct RestoreUpload {
+  bool timed;
+  double end;
+};
+
+// The part every member shares, run inside its protected operation: the
+// transfer settings, an empty save file, and the upload. The point of no
+// return comes right before STOR, since the callback consumes the archive.
+int UploadSaveFile(FtpSession* session, bool name_format, RestoreTimes* times, DataCallback send,
+                   void* argument, RestoreUpload* upload) {
+  if (EnsureParameter(session, &session->structure, 'F', "STRU F", "STRU") != 0 ||
+      EnsureParameter(session, &session->mode, 'S', "MODE S", "MODE") != 0 ||
+      EnsureParameter(session, &session->type, 'I', "TYPE I", "TYPE") != 0)
+    return -1;
+  if (name_format &&
+      EnsureParameter(session, &session->name_format, '1', "SITE NAMEFMT 1", "NAMEFMT") != 0)
+    return -1;
+  // The save file survives in QTEMP for the life of the server job, so only
+  // the first restore of a session has to create it.
+  char clear[64], create[64], store[64];
+  FormatBounded(clear, sizeof clear, "RCMD CLRSAVF FILE(%s)", SaveTempFile);
+  FormatBounded(create, sizeof create, "RCMD CRTSAVF FILE(%s)", SaveTempFile);
+  FormatBounded(store, sizeof store, "STOR %s", SaveTempUpload);
+  if (SendCommand(session->control, clear, nullptr, 0, nullptr, nullptr, nullptr) != 0 &&
+      SendCommand(session->control, create, nullptr, 0, nullptr, nullptr, nullptr) != 0) {
+    VFAIL("CRTSAVF command failed\n");
+    return -1;
+  }
+  double start = 0;
+  bool started = RestoreClock(&start);
+  PassPointOfNoReturn(session);
+  if (SendCommand(session->control, store, nullptr, 0, nullptr, send, argument) != 0) {
+    VFAIL("STOR command failed\n");
+    return -1;
+  }
+  upload->timed = RestoreClock(&upload->end);
+  if (times && started && upload->timed) times->transfer_seconds = upload->end - start;
+  return 0;
+}
+
+void NoteRestoreSeconds(RestoreTimes* times, const RestoreUpload& upload) {
+  double now = 0;
+  if (times && upload.timed && RestoreClock(&now)) times->restore_seconds = now - upload.end;
+}
+
+// Outcomes of one restore command.
+constexpr int RestoreCommandDone = 0;
+constexpr int RestoreCommandTolerated = 1;  // failed, but judged good enough
+constexpr int RestoreCommandFailed = -1;
+
+// Sends a restore command with the short reply buffer. On failure the reply
+// is quoted under `label` and judged: a restore that put some objects back,
+// or found nothing to restore, is tolerated rather than failed.
+int RunRestoreCommand(FtpSession* session, const char* command, const char* label) {
+  char reply[RestoreReplySize] = "";
+  if (SendCommand(session->control, command, reply, sizeof reply, nullptr, nullptr, nullptr) == 0)
+    return RestoreCommandDone;
+  reply[sizeof reply - 1] = '\0';
+  VFAIL("%s command failed\n  %s\n", label, reply);
+  return ClassifyRestoreReply(reply) >= 1 ? RestoreCommandTolerated : RestoreCommandFailed;
+}
+
+// A CL command built piece by piece in the command buffer, counting what
+// the whole text would need even where the buffer cut it.
+struct RestoreCommandText {
+  char text[CommandBufferSize] = "";
+  size_t needed = 0;
+  void Add(const char* piece) {
+    AppendBounded(text, sizeof text, piece);
+    needed += strlen(piece);
+  }
+  // QuoteForCL's buffer is reused by its next call, so each quoted path is
+  // added on its own.
+  void AddQuoted(const char* path) { Add(QuoteForCL(path)); }
+};
+
+void BuildRestoreObjectCommand(RestoreCommandText* command, const StringPair* pair,
+                               const StringList* exclusions) {
+  command->Add("RCMD RST DEV('");
+  command->Add(SaveTempDevice);
+  command->Add("') OBJ(('\"");
+  command->AddQuoted(pair->first);
+  command->Add("\"'");
+  if (pair->second) {
+    command->Add(" *INCLUDE '\"");
+    command->AddQuoted(pair->second);
+    command->Add("\"')");
+  } else {
+    command->Add(")");
+  }
+  for (const StringPair* omit = exclusions->first; omit; omit = omit->next) {
+    command->Add(" ('\"");
+    command->AddQuoted(omit->first);
+    command->Add("\"' *OMIT)");
+  }
+  command->Add(") SUBTREE(*ALL) ALWOBJDIF(*ALL)");
+  if (ServerRelease > 1) command->Add(" CRTPRNDIR(*Yes)");
+}
+
+// A library path ends in ".LIB" behind its last '.'; out receives it cut
+// at that '.', so "/QSYS.LIB/PAYROLL.LIB" becomes "/QSYS.LIB/PAYROLL".
+bool CutLibraryPath(const char* path, char* out, size_t capacity) {
+  const char* dot = strrchr(path, '.');
+  if (!dot || strcmp(dot, ".LIB") != 0) return false;
+  size_t length = static_cast<size_t>(dot - path);
+  if (length >= capacity) return false;
+  memcpy(out, path, length);
+  out[length] = '\0';
+  return true;
+}
+
+constexpr const char* RestoreLibraryPrefix = "/QSYS.LIB/";
+constexpr size_t RestoreLibraryPrefixLength = 10;
+
+// Restores of objects the save file names itself (documents, profiles,
+// configuration): upload, one command, and the entry name on success.
+int RestoreWholeSaveFile(FtpSession* session, const char* name, RestoreTimes* times,
+                         DataCallback send, void* argument, const char* command,
+                         const char* label) {
+  if (!IsSession(session)) return -1;
+  return RunProtected(session, [&]() -> int {
+    RestoreUpload upload{};
+    if (UploadSaveFile(session, false, times, send, argument, &upload) != 0) return -1;
+    int outcome = RunRestoreCommand(session, command, label);
+    NoteRestoreSeconds(times, upload);
+    if (outcome == RestoreCommandDone) LogMessage("Restore Success: %s\n", name);
+    return outcome == RestoreCommandFailed ? -1 : 0;
+  });
+}
+
+}  // namespace
+
+int RestoreIfsObjects(FtpSession* session, const StringList* objects, RestoreTimes* times,
+                      DataCallback send, void* argument) {
+  if (!IsSession(session)) return -1;
+  // Made outside the protected body, so that a run cut short by a broken
+  // connection cannot lose it.
+  StringList* exclusions = NewStringList();
+  int result = RunProtected(session, [&]() -> int {
+    RestoreUpload upload{};
+    if (UploadSaveFile(session, true, times, send, argument, &upload) != 0) return -1;
+    int last = 0;
+    for (const StringPair* pair = objects ? objects->first : nullptr; pair; pair = pair->next) {
+      if (Settings.verbosity >= 1) LogMessage("Object   : %s\n", pair->first);
+      ClearStringList(exclusions);
+      MatchPathFile(pair->first, exclusions, Settings.exclude);
+      if (ServerRelease < 2) {
+        // Older releases cannot create missing parents during the restore.
+        char target[CommandBufferSize];
+        CopyBounded(target, sizeof target, pair->second ? pair->second : pair->first);
+        MakeParentDirectories(session, target);
+      }
+      RestoreCommandText command;
+      BuildRestoreObjectCommand(&command, pair, exclusions);
+      if (command.needed >= CommandBufferSize) {
+        VFAIL("RST command too long\n");
+        return -1;
+      }
+      int outcome = RunRestoreCommand(session, command.text, "RST");
+      if (outcome == RestoreCommandDone) LogMessage("Restore Success: %s\n", pair->first);
+      last = outcome == RestoreCommandFailed ? -1 : 0;
+    }
+    NoteRestoreSeconds(times, upload);
+    return last;
+  });
+  FreeStringList(exclusions);
+  return result;
+}
+
+int RestoreLibrary(FtpSession* session, const StringPair* pair, RestoreTimes* times,
+                   DataCallback send, void* argument) {
+  if (!IsSession(session)) return -1;
+  char library[CommandBufferSize];
+  if (!pair || !pair->first || !CutLibraryPath(pair->first, library, sizeof library) ||
+      strlen(library) < RestoreLibraryPrefixLength) {
+    VFAIL("bad library name\n");
+    return -1;
+  }
+  // A library name has at most ten characters: "/QSYS.LIB/" + 10 + ".LIB".
+  char destination[CommandBufferSize] = "";
+  if (pair->second &&
+      (strncmp(pair->second, RestoreLibraryPrefix, RestoreLibraryPrefixLength) != 0 ||
+       strlen(pair->second) >= 25 ||
+       !CutLibraryPath(pair->second, destination, sizeof destination))) {
+    VFAIL("bad library destination\n");
+    return -1;
+  }
+  char command[CommandBufferSize];
+  if (FormatBounded(command, sizeof command,
+                    "RCMD RSTLIB SAVLIB(%s) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) RSTLIB(%s) "
+                    "MBROPT(*ALL) ALWOBJDIF(*ALL)",
+                    library + RestoreLibraryPrefixLength,
+                    pair->second ? destination + RestoreLibraryPrefixLength : "*SAVLIB") >=
+      CommandBufferSize) {
+    VFAIL("RSTLIB command too long\n");
+    return -1;
+  }
+  return RunProtected(session, [&]() -> int {
+    RestoreUpload upload{};
+    if (UploadSaveFile(session, true, times, send, argument, &upload) != 0) return -1;
+    int outcome = RunRestoreCommand(session, command, "RSTLIB");
+    NoteRestoreSeconds(times, upload);
+    if (outcome == RestoreCommandDone) LogMessage("Restore Success: %s\n", library);
+    return outcome == RestoreCommandFailed ? -1 : 0;
+  });
+}
+
+int RestoreDocuments(FtpSession* session, const char* name, RestoreTimes* times,
+                     DataCallback send, void* argument) {
+  if (!IsSession(session)) return -1;
+  return RunProtected(session, [&]() -> int {
+    RestoreUpload upload{};
+    if (UploadSaveFile(session, false, times, send, argument, &upload) != 0) return -1;
+    // Document restores are judged by the reply code alone.
+    int result = SendCommand(session->control,
+                             "RCMD RSTDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)",
+                             nullptr, 0, nullptr, nullptr, nullptr);
+    NoteRestoreSeconds(times, upload);
+    if (result != 0) {
+      VFAIL("RSTDLO command failed\n");
+      return result;
+    }
+    LogMessage("Restore Success: %s\n", name);
+    return 0;
+  });
+}
+
+int RestoreUserProfiles(FtpSession* session, const char* name, RestoreTimes* times,
+                        DataCallback send, void* argument) {
+  // Only profiles missing on the server are created.
+  return RestoreWholeSaveFile(
+      session, name, times, send, argument,
+      "RCMD RSTUSRPRF DEV(*SAVF) SAVF(QTEMP/SAVTEMP) USRPRF(*NEW) ALWOBJDIF(*ALL)", "RSTUSRPRF");
+}
+
+int RestoreConfiguration(FtpSession* session, const char* name, RestoreTimes* times,
+                         DataCallback send, void* argument) {
+  return RestoreWholeSaveFile(session, name, times, send, argument,
+                              "RCMD RSTCFG OBJ(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)",
+                              "RSTCFG");
+}
+
+int RestoreAuthority(FtpSession* session) {
+  if (!IsSession(session)) return -1;
+  // Nothing is handed to a callback, so the command may always be repeated.
+  return RunProtected(session, [&]() -> int {
+    if (SendCommand(session->control, "RCMD RSTAUT USRPRF(*ALL)", nullptr, 0, nullptr, nullptr,
+                    nullptr) != 0) {
+      VFAIL("RSTAUT command failed\n");
+      return -1;
+    }
+    return 0;
+  });
+}
+
+namespace {
+
+// The text at `at` starts with `phrase`, ignoring case.
+bool StartsWithPhrase(const char* at, const char* phrase) {
+  return at && strncasecmp(at, phrase, strlen(phrase)) == 0;
+}
+
+// The number standing before the phrase at `phrase_at`. The walk never goes
+// below the fourth character, so the reply code is never taken for a count.
+int RestoredCount(const char* text, const char* phrase_at) {
+  constexpr ptrdiff_t Floor = 3;
+  ptrdiff_t at = (phrase_at - text) - 1;
+  if (at > Floor) {
+    while (at > Floor && isspace(static_cast<unsigned char>(text[at]))) at--;
+    while (at > Floor && isdigit(static_cast<unsigned char>(text[at]))) at--;
+  }
+  const char* number = text + at + 1;
+  char* end = nullptr;
+  long count = strtol(number, &end, 0);  // base 0: a leading 0 reads as octal
+  if (count < 1 || *end != ' ') return 0;
+  return count > INT_MAX ? INT_MAX : static_cast<int>(count);
+}
+
+}  // namespace
+
+int ClassifyRestoreReply(const char* text) {
+  if (!text) return -1;
+  // Only the first occurrence of each initial letter is looked at.
+  const char* at = strpbrk(text, "oO");
+  if (StartsWithPhrase(at, "objects restored")) return RestoredCount(text, at);
+  at = strpbrk(text, "lL");
+  if (StartsWithPhrase(at, "libraries restored")) return RestoredCount(text, at);
+  at = strpbrk(text, "nN");
+  if (StartsWithPhrase(at, "Not all ")) return 1;
+  at = strpbrk(text, "sS");
+  if (StartsWithPhrase(at, "Save file ")) {
+    at = strpbrk(at + strlen("Save file "), "cC");
+    if (StartsWithPhrase(at, "contains no data")) return 1;
+  }
+  return -1;
+}

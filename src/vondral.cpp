@@ -16,7 +16,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "backup.h"
 #include "ftp.h"
+#include "restore.h"
 
 RunSettings Settings;
 int StderrIsTerminal = 0;
@@ -308,6 +310,8 @@ double Seconds(const struct timeval& t) {
 int RunMode(FtpSession* session) {
   if (Settings.test_count > 0) return 0;  // the login was the test
   if (Settings.list) return ListMode(session);
+  if (Settings.backup_path) return BackupDriver(session);
+  if (Settings.restore_path) return RestoreArchive(session);
   LogMessageTo(stderr, "%s: don't know what to do\n", ProgramName);
   Usage();
   return -1;

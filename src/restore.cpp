@@ -1,0 +1,399 @@
+// The restore driver: one pass over a CTAR archive on the main thread,
+// header after header, each entry either uploaded and restored by the
+// restore command family or skipped without being sent.
+#include "restore.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "backup.h"
+#include "ftp.h"
+#include "support.h"
+#include "vondral.h"
+
+int RestoredProfiles = 0;
+
+namespace {
+
+constexpr int64_t Block = static_cast<int64_t>(CtarBlockSize);
+
+// Whole blocks a count of bytes occupies; nothing for a count of 0 or less.
+int64_t WholeBlocks(int64_t count) { return count > 0 ? (count + Block - 1) / Block * Block : 0; }
+
+const char* ArchivePath() { return Settings.restore_path ? Settings.restore_path : "-"; }
+
+// Reads until length bytes are in, the archive ends or a read fails. A pipe
+// may deliver a block in pieces; gathering them keeps every later read on a
+// block boundary. Gives the bytes read, or -1 (errno set) when the very
+// first read failed.
+ssize_t ReadWhole(int descriptor, void* buffer, size_t length) {
+  auto* at = static_cast<char*>(buffer);
+  size_t got = 0;
+  while (got < length) {
+    ssize_t n = read(descriptor, at + got, length - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return got > 0 ? static_cast<ssize_t>(got) : -1;
+    if (n == 0) break;
+    got += static_cast<size_t>(n);
+  }
+  return static_cast<ssize_t>(got);
+}
+
+// The archive is read with direct I/O: a restore streams gigabytes once,
+// and they need not pass through the page cache.
+int OpenArchive(const char* path) {
+  if (strcmp(path, "-") == 0) return 0;
+  int descriptor = open(path, O_RDONLY | O_DIRECT);
+  // Some file systems refuse direct I/O; the archive must be restorable
+  // from wherever it lies, so read it the ordinary way there.
+  if (descriptor < 0 && errno == EINVAL) descriptor = open(path, O_RDONLY);
+  if (descriptor < 0) {
+    VFAIL("open(%s): %s\n", path, strerror(errno));
+    return -1;
+  }
+  return descriptor;
+}
+
+// Amounts and rates of a restore step by 1000 above 2000; the unit is text,
+// because plain bytes show no letter at all ("0.000 Bs").
+double ScaleAmount(double value, const char** unit) {
+  char letter = ' ';
+  double scaled = ScaleDecimal(value, &letter);
+  switch (letter) {
+    case 'K': *unit = "K"; break;
+    case 'M': *unit = "M"; break;
+    case 'G': *unit = "G"; break;
+    default: *unit = ""; break;
+  }
+  return scaled;
+}
+
+double Seconds(const struct timeval& t) {
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
+}
+
+// One row of the dispatch table: which entry names it takes, how it calls
+// its restore command, and how it reports a failure.
+struct DispatchRow {
+  const char* name;  // exact name, or prefix when `prefix` is set; nullptr: anything
+  bool prefix;
+  int (*run)(FtpSession* session, const char* name, const StringList* objects,
+             RestoreTimes* times, ArchiveReader* reader);
+  void (*report)();
+};
+
+// Tested top to bottom; the name alone says what kind of object an entry
+// holds.
+const DispatchRow DispatchTable[] = {
+    {"/QDLS", false,
+     [](FtpSession* s, const char* name, const StringList*, RestoreTimes* t, ArchiveReader* r) {
+       return RestoreDocuments(s, name, t, ArchiveReadCallback, r);
+     },
+     [] { VFAIL("DL objects restore failed\n"); }},
+    {"/System Configuration", false,
+     [](FtpSession* s, const char* name, const StringList*, RestoreTimes* t, ArchiveReader* r) {
+       return RestoreConfiguration(s, name, t, ArchiveReadCallback, r);
+     },
+     [] { VFAIL("configuration restore failed\n"); }},
+    {"/Security Data", false,
+     [](FtpSession* s, const char* name, const StringList*, RestoreTimes* t, ArchiveReader* r) {
+       int result = RestoreUserProfiles(s, name, t, ArchiveReadCallback, r);
+       if (result == 0) RestoredProfiles++;
+       return result;
+     },
+     [] { VFAIL("user profile restore failed\n"); }},
+    {"/QSYS.LIB/", true,
+     [](FtpSession* s, const char*, const StringList* objects, RestoreTimes* t, ArchiveReader* r) {
+       return RestoreLibrary(s, objects->first, t, ArchiveReadCallback, r);
+     },
+     [] { VFAIL("library restore failed\n"); }},
+    {nullptr, false,
+     [](FtpSession* s, const char*, const StringList* objects, RestoreTimes* t, ArchiveReader* r) {
+       return RestoreIfsObjects(s, objects, t, ArchiveReadCallback, r);
+     },
+     [] { VFAIL("IFS object restore failed\n"); }},
+};
+
+const DispatchRow& RowFor(const char* name) {
+  for (const DispatchRow& row : DispatchTable) {
+    if (!row.name) return row;
+    if (row.prefix ? strncmp(name, row.name, strlen(row.name)) == 0 : strcmp(name, row.name) == 0)
+      return row;
+  }
+  return DispatchTable[sizeof DispatchTable / sizeof DispatchTable[0] - 1];
+}
+
+bool IsSpecialObject(const char* name) {
+  return strcmp(name, "/System Configuration") == 0 || strcmp(name, "/Security Data") == 0;
+}
+
+// Unlinks and frees the pair behind `previous` (the first pair when
+// previous is nullptr); gives the pair that now follows `previous`.
+StringPair* DropPair(StringList* list, StringPair* previous) {
+  StringPair* pair = previous ? previous->next : list->first;
+  StringPair* next = pair->next;
+  if (previous)
+    previous->next = next;
+  else
+    list->first = next;
+  if (list->last == pair) list->last = previous;
+  list->count--;
+  free(pair->first);
+  free(pair->second);
+  delete pair;
+  return next;
+}
+
+bool Excluded(const StringPair* pair) {
+  if (MatchPathFile(pair->first, nullptr, Settings.exclude) != 0) return false;
+  if (Settings.verbosity >= 1)
+    LogMessageTo(stderr, "%s: %s: excluded\n", ProgramName, pair->first);
+  return true;
+}
+
+// Removes the excluded pairs: those behind the first in list order, then
+// the first.
+void ApplyExcludeFile(StringList* objects) {
+  if (!Settings.exclude || !objects->first) return;
+  StringPair* previous = objects->first;
+  for (StringPair* pair = previous->next; pair;) {
+    if (Excluded(pair)) {
+      pair = DropPair(objects, previous);
+    } else {
+      previous = pair;
+      pair = pair->next;
+    }
+  }
+  if (Excluded(objects->first)) DropPair(objects, nullptr);
+}
+
+enum class Outcome { Restored, Skipped, Failed };
+
+// Decides what becomes of one entry and, when it is wanted, restores it.
+Outcome ProcessEntry(FtpSession* session, const char* name, ArchiveReader* reader) {
+  StringList* objects = NewStringList();
+  // The two special objects are wanted whatever the include file says.
+  if (!Settings.include || IsSpecialObject(name)) {
+    AppendStringPair(objects, name, nullptr);
+  } else if (MatchPathFile(name, objects, Settings.include) >= 1) {
+    if (Settings.verbosity >= 1) LogMessageTo(stderr, "%s: %s: not included\n", ProgramName, name);
+    FreeStringList(objects);
+    return Outcome::Skipped;
+  }
+  ApplyExcludeFile(objects);
+  if (!objects->first) {
+    FreeStringList(objects);
+    return Outcome::Skipped;
+  }
+
+  const DispatchRow& row = RowFor(name);
+  RestoreTimes times{};
+  if (row.run(session, name, objects, &times, reader) != 0) {
+    row.report();
+    FreeStringList(objects);
+    return Outcome::Failed;
+  }
+  if (Settings.verbosity >= 2) {
+    const char* unit = "";
+    if (times.transfer_seconds > 0) {
+      double rate = ScaleAmount(static_cast<double>(reader->size) / times.transfer_seconds, &unit);
+      LogMessage("Transfer : %7.3f s %.3f %sB/s\n", times.transfer_seconds, rate, unit);
+    }
+    if (times.restore_seconds > 0) {
+      double rate = ScaleAmount(static_cast<double>(reader->size) / times.restore_seconds, &unit);
+      LogMessage("Restore  : %7.3f s %.3f %sB/s\n", times.restore_seconds, rate, unit);
+    }
+  }
+  FreeStringList(objects);
+  return Outcome::Restored;
+}
+
+// Scratch page for skipping on a pipe; mapped on first need and kept, so
+// that its reads stay aligned for direct I/O.
+char* ScratchPage = nullptr;
+
+}  // namespace
+
+int ArchiveReadCallback(void* argument, char* buffer, int* count) {
+  auto* reader = static_cast<ArchiveReader*>(argument);
+  if (!reader || !buffer || !count) {
+    VFAIL("bad argument\n");
+    return -1;
+  }
+  if (reader->left <= 0) {
+    *count = 0;  // end of data
+    return 0;
+  }
+  // The last data block carries the entry's padding along: the read stays a
+  // whole number of blocks, which direct I/O needs and which leaves the
+  // archive at the next header.
+  const int64_t room = *count / Block * Block;
+  const int64_t length = WholeBlocks(std::min(reader->left, room));
+  if (length <= 0) {
+    VFAIL("bad argument\n");  // a buffer smaller than one block
+    return -1;
+  }
+  ssize_t got = ReadWhole(reader->descriptor, buffer, static_cast<size_t>(length));
+  if (got < 0) {
+    VFAIL("read(%s,, %d): %s\n", ArchivePath(), static_cast<int>(length), strerror(errno));
+    return -1;
+  }
+  // The padding is read but never sent.
+  *count = static_cast<int>(std::min<int64_t>(got, reader->left));
+  reader->calls++;
+  reader->left -= got;
+  return 0;
+}
+
+int SkipArchiveData(int descriptor, int64_t count) {
+  const int64_t rounded = WholeBlocks(count);
+  if (rounded == 0) return 0;
+  errno = 0;
+  if (lseek64(descriptor, rounded, SEEK_CUR) != -1 || errno == 0) return 0;
+  // Standard input is usually a pipe, which cannot seek: read through it.
+  if (errno != ESPIPE)
+    VFAIL("lseek64(, 0x%llX,, SEEK_CUR): %s\n", static_cast<unsigned long long>(rounded),
+          strerror(errno));
+  const int page = getpagesize();
+  if (!ScratchPage) {
+    void* mapped =
+        mmap(nullptr, static_cast<size_t>(page), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) {
+      VFAIL("mmap(, %d,, MAP_ANONYMOUS): %s\n", page, strerror(errno));
+      return -1;
+    }
+    ScratchPage = static_cast<char*>(mapped);
+  }
+  int64_t remaining = rounded;
+  while (remaining > 0) {
+    const int length = static_cast<int>(std::min<int64_t>(page, remaining));
+    ssize_t got = read(descriptor, ScratchPage, static_cast<size_t>(length));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) VFAIL("read(list, %d): %s\n", length, strerror(errno));
+    if (got <= 0) {
+      VFAIL("didn't finish consuming 0x%llX bytes\n", static_cast<unsigned long long>(remaining));
+      return -1;
+    }
+    remaining -= got;
+  }
+  return 0;
+}
+
+int RestoreArchive(FtpSession* session) {
+  const char* path = ArchivePath();
+  const int descriptor = OpenArchive(path);
+  if (descriptor < 0) return -1;
+  struct timeval start{};
+  const bool started = gettimeofday(&start, nullptr) == 0;
+  int64_t offset = 0;
+  int result = 0;
+  ssize_t last_read = 0;
+  int read_error = 0;
+  alignas(CtarBlockSize) unsigned char header[CtarBlockSize];
+
+  for (;;) {
+    // Cleared first, so that a failed read leaves nothing of the previous
+    // header to be taken for a new one.
+    memset(header, 0, sizeof header);
+    last_read = ReadWhole(descriptor, header, sizeof header);
+    if (last_read < 0) read_error = errno;
+    // A failed read is no short header: the block is judged as it stands
+    // and the read error is reported after the loop.
+    if (last_read >= 0 && last_read < static_cast<ssize_t>(sizeof header)) {
+      VFAIL("read short header at offset 0x%llX\n", static_cast<unsigned long long>(offset));
+      result = -1;
+      break;
+    }
+    if (TerminationRequested.load() & 1) break;
+
+    uint64_t stored_size = 0;
+    const int judged = ReadCtarHeader(header, &stored_size, nullptr, 0);
+    if (judged == CtarBadChecksum) {
+      LogMessageTo(stderr, "%s: bad header checksum at offset 0x%llX\n", ProgramName,
+                   static_cast<unsigned long long>(offset));
+      result = -1;
+      break;
+    }
+    if (judged == CtarEnd) break;
+    // A size beyond the signed range could not be skipped or counted.
+    if (judged == CtarBadSize || stored_size > static_cast<uint64_t>(INT64_MAX)) {
+      VFAIL("bad file size at offset 0x%llX\n", static_cast<unsigned long long>(offset));
+      result = -1;
+      break;
+    }
+    const int64_t size = static_cast<int64_t>(stored_size);
+    ArchiveReader reader{descriptor, 0, size, size};
+
+    char name[CtarBlockSize];
+    Outcome outcome;
+    if (ReadCtarName(name, sizeof name, header) > static_cast<int>(sizeof name) - 1) {
+      VFAIL("path too long\n");
+      outcome = Outcome::Failed;
+    } else {
+      char* suffix = strstr(name, CtarDirectorySuffix);
+      if (suffix) *suffix = '\0';
+      LogMessage("Archive  : %s\n", name);
+      outcome = ProcessEntry(session, name, &reader);
+    }
+
+    if (outcome == Outcome::Skipped && SkipArchiveData(descriptor, size) != 0)
+      outcome = Outcome::Failed;
+    if (outcome == Outcome::Failed) {
+      VFAIL("failed to restore object at offset 0x%llX\n", static_cast<unsigned long long>(offset));
+      // What the upload did not consume; nothing once it read the padding.
+      if (SkipArchiveData(descriptor, reader.left) != 0) {
+        VFAIL("couldn't skip the rest of the failed object's 0x%llX bytes\n",
+              static_cast<unsigned long long>(reader.left));
+        result = -1;
+        break;
+      }
+      result = -1;
+    } else {
+      // Only the last entry and fatal errors decide the run's result.
+      result = 0;
+    }
+    offset += Block + WholeBlocks(size);
+  }
+
+  if (last_read < 0) {
+    VFAIL("read(%s, 0x%X, %d): %s\n", path,
+          static_cast<unsigned>(reinterpret_cast<uintptr_t>(header)),
+          static_cast<int>(sizeof header), strerror(read_error));
+    result = -1;
+  }
+  close(descriptor);
+
+  // Private authorities refer to the profiles, so they come back once,
+  // after every entry, and only when profiles were restored.
+  if (RestoredProfiles > 0) {
+    int authority = RestoreAuthority(session);
+    if (authority != 0) {
+      VFAIL("failed to restore authority\n");
+      result = result != 0 ? -1 : authority;
+    }
+  }
+  if (TerminationRequested.load() & 1) {
+    VFAIL("Restore Terminated Cleanly\n");
+    exit(143);
+  }
+  if (result != 0) return result;
+
+  struct timeval end{};
+  double seconds = 0;
+  if (started && gettimeofday(&end, nullptr) == 0) seconds = Seconds(end) - Seconds(start);
+  const char* unit = "";
+  double amount = ScaleAmount(static_cast<double>(offset), &unit);
+  LogMessage("Restored %.3f %sBs in %f seconds\n", amount, unit, seconds);
+  if (seconds > 0) {
+    double rate = ScaleAmount(static_cast<double>(offset) / seconds, &unit);
+    LogMessage("%.3f %sB/s\n", rate, unit);
+  }
+  return 0;
+}
