@@ -31,8 +31,10 @@ def repo_root():
 
 
 def vondral_bin():
-    """Path of the client binary built by the project (build/vondral)."""
-    return REPO / "build" / "vondral"
+    """Path of the client binary: $VONDRAL_BIN (as ctest sets it), else the
+    one `make` builds (build/vondral)."""
+    env = os.environ.get("VONDRAL_BIN")
+    return pathlib.Path(env) if env else REPO / "build" / "vondral"
 
 
 def in_netns():
