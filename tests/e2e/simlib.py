@@ -34,7 +34,7 @@ def vondral_bin():
     """Path of the client binary: $VONDRAL_BIN (as ctest sets it), else the
     one `make` builds (build/vondral)."""
     env = os.environ.get("VONDRAL_BIN")
-    return pathlib.Path(env) if env else REPO / "build" / "vondral"
+    return Path(env) if env else REPO / "build" / "vondral"
 
 
 def in_netns():
