@@ -36,3 +36,13 @@ def sim_factory(tmp_path):
     yield make
     for sim in sims:
         sim.stop()
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "slow: waits for real time-outs (a minute or more)")
+
+
+def pytest_terminal_summary(terminalreporter, config):
+    figures = getattr(config, "fault_matrix_figures", None)
+    if figures:
+        terminalreporter.write_line(figures)

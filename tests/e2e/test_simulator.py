@@ -851,4 +851,3 @@ def test_tree_helpers_detect_every_kind_of_difference(tmp_path):
     assert simlib.compare_trees(a, b, modes=False,
                                 exclude=["d/e", "d/new", "d/l"]) == []
     assert simlib.cl_path("/a \"b\"/it's") == "'\"/a \"\"b\"\"/it''s\"'"
-    assert simlib.vondral_bin() == simlib.repo_root() / "build" / "vondral"

@@ -46,7 +46,7 @@ class Run:
 
 def vondral(*args, timeout=120, **kwargs):
     proc = subprocess.run([simlib.vondral_bin(), *map(str, args)], capture_output=True,
-                          text=True, timeout=timeout, **kwargs)
+                          text=True, errors="surrogateescape", timeout=timeout, **kwargs)
     return Run(proc)
 
 
@@ -65,9 +65,8 @@ def has_fail(lines, module, text):
 
 
 def tool(name):
-    """A test driver built next to the program (build/tests/NAME)."""
-    import os
-    return os.path.join(os.path.dirname(simlib.vondral_bin()), "tests", name)
+    """A test driver of the build (build/tests/NAME)."""
+    return str(simlib.repo_root() / "build" / "tests" / name)
 
 
 class Walk:
