@@ -1,13 +1,22 @@
-# make        builds build/vondral
+# make        builds build/vondral and build/ctar
+# make install  installs both programs and their manual pages under
+#             $(DESTDIR)$(PREFIX) (PREFIX defaults to /usr/local)
 # make demo   backs up a simulated server and restores it into an empty one
 # make test   installs what the tests need (as root), builds, runs every test
 BUILD := build
 JOBS  ?= 2
+PREFIX ?= /usr/local
+DESTDIR ?=
 
-.PHONY: all test deps demo clean
+.PHONY: all test deps demo clean install
 all:
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-	cmake --build $(BUILD) -j$(JOBS) --target vondral
+	cmake --build $(BUILD) -j$(JOBS) --target vondral ctar
+
+install: all
+	install -d $(DESTDIR)$(PREFIX)/bin $(DESTDIR)$(PREFIX)/share/man/man1
+	install -m 0755 $(BUILD)/vondral $(BUILD)/ctar $(DESTDIR)$(PREFIX)/bin/
+	install -m 0644 docs/vondral.1 docs/ctar.1 $(DESTDIR)$(PREFIX)/share/man/man1/
 
 deps:
 	tools/install-deps.sh

@@ -175,6 +175,19 @@ int ReadCtarHeader(const unsigned char block[CtarBlockSize], uint64_t* size, cha
 // Bytes an entry's data occupies in the archive: size rounded up to blocks.
 uint64_t CtarPaddedSize(uint64_t size);
 
+// The modification time an entry header stores, in seconds since the epoch.
+// A restore never needs it; listings show it. 0, or -1 when the field holds
+// no octal number ended by a NUL inside the field.
+int ReadCtarMtime(const unsigned char block[CtarBlockSize], int64_t* seconds);
+
+// The first field of an entry header that does not hold what
+// BuildCtarHeader writes there, named for a message ("size copy", "fixed
+// field at 257", ...), or nullptr when every field does. A restore ignores
+// these fields; a verifier does not, and a scan for lost headers needs them
+// to tell a real header from save-file data (a tar member's header, say)
+// whose checksum happens to hold.
+const char* CtarHeaderOddity(const unsigned char block[CtarBlockSize]);
+
 // ---------------------------------------------------------------------------
 // Listing parser, directory walk and include list
 // ---------------------------------------------------------------------------

@@ -16,6 +16,13 @@ struct ArchiveReader {
   int64_t size;  // the entry's data size
 };
 
+// What a restore does with an entry, decided by its name alone (the name as
+// read back, without the ".savf" of a whole directory). The dispatch table
+// of the restore driver is the one place this rule lives; EntryKindOf asks
+// that table, so a listing can never name a kind the restore would not use.
+enum class EntryKind { Documents, Configuration, SecurityData, Library, Ifs };
+EntryKind EntryKindOf(const char* name);
+
 // Successful user-profile restores of this run: private authorities are
 // restored once at the end when there were any.
 extern int RestoredProfiles;

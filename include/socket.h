@@ -68,6 +68,11 @@ int ReadReply(FtpConnection* control, char* out);
 // transfer when a callback is given: 0 positive, 1 negative, -1 failure.
 int SendCommand(FtpConnection* control, const char* command, char* reply, size_t reply_size,
                 DataCallback receive, DataCallback send, void* argument);
+// Reads the passive address out of a PASV reply ("227 ... h1,h2,h3,h4,p1,p2"):
+// address gets family, address and port, text the dotted address as the
+// reply spelled it (cut to text_size, always terminated; text_size > 0).
+// 0, or -1 after reporting what is wrong with the reply.
+int ParsePassiveReply(const char* reply, sockaddr_in* address, char* text, size_t text_size);
 // Closes and frees a record (a control record takes its data record along).
 int CloseConnection(FtpConnection* record);
 // Closes the data socket if it is open.

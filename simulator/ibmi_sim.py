@@ -115,6 +115,19 @@ class SimState:
             self.empty_save.add(norm(item) if item.startswith("/")
                                 else item.upper())
         self.refuse_after = config.get("refuse_logins_after")
+        # objects whose save is a prebuilt placeholder image of a given
+        # size, made once and hard-linked into each session's save file
+        self.large_saves = {norm(k): int(v) for k, v in
+                            config.get("large_saves", {}).items()}
+        self.large_images = {}
+        self.synthetic = {}
+        for k, v in config.get("synthetic_listings", {}).items():
+            if not isinstance(v, dict):
+                v = {"objects": v}
+            self.synthetic[norm(k)] = (int(v["objects"]),
+                                       max(1, int(v.get("per_directory",
+                                                        1000))))
+        self._synthetic_cache = {}
 
     # --- log
 
@@ -186,6 +199,73 @@ class SimState:
 
     def special(self, name):
         return os.path.join(self.root, ".sim", name)
+
+    # --- large saves and synthetic listings (benchmarks)
+
+    def large_image(self, path):
+        """The placeholder image file for a large_saves path, made once."""
+        with self.lock:
+            image = self.large_images.get(path)
+            if image is None:
+                image = os.path.join(self.work_base, "large-%d.savf"
+                                     % len(self.large_images))
+                savimage.write_placeholder_image(
+                    image, {"kind": "OBJ", "path": path},
+                    self.large_saves[path])
+                self.large_images[path] = image
+            return image
+
+    def synthetic_listing(self, path, names_only):
+        """Listing bytes of a synthetic_listings path (or of one of its
+        directories), None for any other path."""
+        parent, _, leaf = path.rpartition("/")
+        if path in self.synthetic:
+            objects, per = self.synthetic[path]
+            count = (objects + per - 1) // per
+            names = ["D%06d" % i for i in range(count)]
+            return _synthetic_lines(names, True, names_only,
+                                    self.config, self._synthetic_dates())
+        if parent in self.synthetic and re.fullmatch(r"D\d{6}", leaf):
+            objects, per = self.synthetic[parent]
+            first = int(leaf[1:]) * per
+            if first >= objects:
+                return None
+            names = ["OBJ%07d.DAT" % i
+                     for i in range(first, min(objects, first + per))]
+            return _synthetic_lines(names, False, names_only,
+                                    self.config, self._synthetic_dates())
+        return None
+
+    def synthetic_entries_in(self, path):
+        """Names of synthetic roots directly inside the directory path."""
+        return sorted(p.rpartition("/")[2] for p in self.synthetic
+                      if (p.rpartition("/")[0] or "/") == path)
+
+    def _synthetic_dates(self):
+        dates = self._synthetic_cache.get("dates")
+        if dates is None:
+            now = time.time()
+            # recent entries show a time of day, older ones a year
+            dates = [listing.format_date(now - d * 86400 - d * 61, now)
+                     for d in range(1, 400, 7)]
+            self._synthetic_cache["dates"] = dates
+        return dates
+
+
+def _synthetic_lines(names, directories, names_only, config, dates):
+    if names_only:
+        return b"".join(n.encode("ascii") + b"\r\n" for n in names)
+    owner = str(config.get("list_owner", "QSYS"))
+    group = str(config.get("list_group", "0"))
+    mode = "drwxrwsrwx" if directories else "-rwxrwx---"
+    head = "%s %3d %-8s %-8s " % (mode, 2 if directories else 1, owner,
+                                  group)
+    n_dates = len(dates)
+    lines = ["%s%7d %s %s\r\n" % (head, 8192 if directories
+                                  else (i * 7919) % 10000000,
+                                  dates[i % n_dates], name)
+             for i, name in enumerate(names)]
+    return "".join(lines).encode("ascii")
 
 
 def norm(path):
@@ -706,6 +786,10 @@ class SimHandler(FTPHandler):
     def _list_payload(self, path, fs, names_only):
         """Listing bytes for a path, or None when it does not exist."""
         st = self.state
+        if st.synthetic:
+            synthetic = st.synthetic_listing(path, names_only)
+            if synthetic is not None:
+                return synthetic
         if fs is None or not os.path.lexists(fs):
             return None
         cfg = st.config
@@ -724,6 +808,12 @@ class SimHandler(FTPHandler):
                                  listing.entry_line(p, n, owner, group, now))
                 except OSError:
                     continue
+            for n in st.synthetic_entries_in(path) if st.synthetic else ():
+                if n not in names:
+                    lines.append(n if names_only else
+                                 listing.format_line(
+                                     n, os.stat(fs), None, owner, group,
+                                     now))
         else:
             name = posixpath.basename(path)
             lines.append(name if names_only else
@@ -837,6 +927,8 @@ class SimHandler(FTPHandler):
             return
         drop = self.fault("close_data_after")
         budget = int(drop.params.get("bytes", 0)) if drop else None
+        if m:
+            _unshare(dst)
         fd = os.open(dst, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
         try:
             budget = self._receive(conn, fd, budget)
@@ -933,6 +1025,7 @@ class SimHandler(FTPHandler):
         path = self.savf_path(name) if m else None
         if path is None:
             return "550 CPF9812 File %s in library QTEMP not found." % name
+        _unshare(path)
         open(path, "wb").close()
         return "250 Command CLRSAVF successful."
 
@@ -955,6 +1048,7 @@ class SimHandler(FTPHandler):
         dest = self.savf_path(name)
         if key in self.state.empty_save:
             n = sum(1 for _ in entries)
+            _unshare(dest)
             open(dest, "wb").close()
         else:
             # a failed save must leave the previous content in place
@@ -977,6 +1071,8 @@ class SimHandler(FTPHandler):
         if not includes:
             return "550 CPD0072 Parameter OBJ required."
         path = includes[0][0]
+        if path in self.state.large_saves:
+            return self._save_large(name, path)
         fs = self.state.fs_path(path)
         if fs is None or not os.path.lexists(fs):
             return "550 CPF3781 Object %s not found. 0 objects saved." % path
@@ -995,6 +1091,17 @@ class SimHandler(FTPHandler):
         meta = {"kind": "OBJ", "path": path, "changed_since": since}
         n = self._save(name, path, meta, fs, since, omit_fs)
         return "250 %d objects saved." % n
+
+    def _save_large(self, name, path):
+        """The save file becomes (a hard link to) the prebuilt image."""
+        image = self.state.large_image(path)
+        dest = self.savf_path(name)
+        os.unlink(dest)
+        try:
+            os.link(image, dest)
+        except OSError:
+            shutil.copyfile(image, dest)
+        return "250 1 objects saved."
 
     def cl_SAVLIB(self, params):
         name, err = self._savf_param(params)
@@ -1168,6 +1275,16 @@ class SimHandler(FTPHandler):
 
     def cl_RSTAUT(self, params):
         return "250 Command RSTAUT successful."
+
+
+def _unshare(path):
+    """A save file hard-linked to a large_saves image is unlinked before
+    it is truncated or rewritten, so the image itself stays intact."""
+    try:
+        if os.stat(path).st_nlink > 1:
+            os.unlink(path)
+    except FileNotFoundError:
+        pass
 
 
 def parse_cl_time(date, clock):

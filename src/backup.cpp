@@ -615,6 +615,55 @@ uint64_t CtarPaddedSize(uint64_t size) {
   return tail ? size + (CtarBlockSize - tail) : size;
 }
 
+int ReadCtarMtime(const unsigned char block[CtarBlockSize], int64_t* seconds) {
+  // The field is as wide as the size field: eleven digits and a NUL.
+  FieldText text(block, MtimeField, SizeWidth);
+  if (text.text[0] < '0' || text.text[0] > '7') return -1;  // strtoll would skip blanks and signs
+  char* stop = nullptr;
+  errno = 0;
+  long long value = strtoll(text.text, &stop, 8);
+  if (errno != 0 || *stop != '\0' || static_cast<size_t>(stop - text.text) >= SizeWidth) return -1;
+  *seconds = value;
+  return 0;
+}
+
+const char* CtarHeaderOddity(const unsigned char block[CtarBlockSize]) {
+  // digits octal digits and a NUL, as "%0*o" writes them.
+  auto octal = [block](size_t offset, size_t digits) {
+    for (size_t i = 0; i < digits; i++)
+      if (block[offset + i] < '0' || block[offset + i] > '7') return false;
+    return block[offset + digits] == 0;
+  };
+  auto text = [block](size_t offset, const char* expected, size_t width) {
+    return memcmp(block + offset, expected, width) == 0;
+  };
+  auto zero = [block](size_t offset, size_t width) {
+    for (size_t i = 0; i < width; i++)
+      if (block[offset + i] != 0) return false;
+    return true;
+  };
+  if (!octal(ChecksumField, 7)) return "checksum field";
+  if (!octal(ModeField, 7)) return "mode";
+  if (!text(UidField, "0000000", 8)) return "uid";
+  if (!text(GidField, "0000000", 8)) return "gid";
+  if (!octal(MtimeField, 11)) return "modification time";
+  if (block[TypeFlagField] != '0' || !zero(TypeFlagField + 1, 2)) return "type flag";
+  if (!text(FixedField1, "000", 4)) return "fixed field at 257";
+  if (!text(FixedField2, "000", 4)) return "fixed field at 261";
+  if (memcmp(block + SizeField, block + SizeCopyField, SizeWidth) != 0) return "size copy";
+  if (!text(FixedField3, "001", 4)) return "fixed field at 277";
+  if (!text(FixedField4, "000", 4)) return "fixed field at 281";
+  const bool long_name = text(LongNameField, "100", LongNameWidth);
+  if (!long_name && !zero(LongNameField, LongNameWidth)) return "long-name field";
+  if (!long_name)
+    for (size_t piece = 2; piece < 5; piece++)
+      if (!zero(Pieces[piece].offset, Pieces[piece].width)) return "long-name pieces";
+  // The bytes between the fields stay zero.
+  if (!zero(285, 8) || !zero(297, 8) || !zero(367, 1) || !zero(438, 2) || !zero(510, 2))
+    return "unused bytes";
+  return nullptr;
+}
+
 // ---------------------------------------------------------------------------
 // Listing parser, directory walk and include list
 // ---------------------------------------------------------------------------
@@ -625,7 +674,18 @@ double ListBytes = 0;
 
 namespace {
 
-bool IsBlank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+// isspace() of the "C" locale, which the program never leaves, as a table:
+// the parser asks it for nearly every character of a listing.
+constexpr struct BlankTable {
+  bool blank[256] = {};
+  constexpr BlankTable() {
+    for (unsigned char c : {' ', '\t', '\n', '\v', '\f', '\r'}) blank[c] = true;
+  }
+} Blanks;
+
+bool IsBlank(char c) { return Blanks.blank[static_cast<unsigned char>(c)]; }
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
 const char* SkipBlanks(const char* p) {
   while (*p && IsBlank(*p)) p++;
@@ -664,12 +724,99 @@ struct ParsedEntry {
   char name[4096];  // "/" and the listed name
 };
 
+// The current local time broken down, once per second rather than once per
+// listing line: a walk of a million objects parses a million lines.
+bool BrokenDownNow(struct tm* out) {
+  thread_local time_t cached_at = -1;
+  thread_local struct tm cached{};
+  time_t now = time(nullptr);
+  if (now != cached_at) {
+    if (!localtime_r(&now, &cached)) return false;
+    cached_at = now;
+  }
+  *out = cached;
+  return true;
+}
+
+// The listed size as "%llu" reads it; plain digits (all a server sends)
+// are read here, anything else by the library.
+unsigned long long ListedSize(const char* p) {
+  unsigned long long value = 0;
+  int digits = 0;
+  for (; digits < 19 && IsDigit(p[digits]); digits++) value = value * 10 + static_cast<unsigned>(p[digits] - '0');
+  if (digits > 0 && !IsDigit(p[digits])) return value;
+  unsigned long long size = 0;
+  int consumed = 0;
+  if (sscanf(p, "%llu%n", &size, &consumed) != 1) size = 0;
+  return size;
+}
+
+// What strptime derives after reading a date: the day of the week and of
+// the year, from the year, month and day as they stand (the day may lie
+// beyond the month's end, and counts on linearly then).
+void SetDerivedDays(struct tm* when) {
+  static const int before_month[2][12] = {{0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334},
+                                          {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335}};
+  const long year = 1900L + when->tm_year;
+  const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+  // Days from 1 January of year 1 (proleptic Gregorian, a Monday); the
+  // callers' years are 1000 and later.
+  const long y = year - 1;
+  const long day = 365 * y + y / 4 - y / 100 + y / 400 + before_month[leap][when->tm_mon] + (when->tm_mday - 1);
+  when->tm_wday = static_cast<int>((day + 1) % 7);
+  when->tm_yday = before_month[leap][when->tm_mon] + (when->tm_mday - 1);
+}
+
+// strptime(p, "%b %d") for the month and day every listing line has ("Mar
+// 5", "MAR 05"); nullptr where the text needs the library's own reading.
+const char* ReadMonthDay(const char* p, struct tm* when) {
+  static const char months[12][4] = {"jan", "feb", "mar", "apr", "may", "jun",
+                                     "jul", "aug", "sep", "oct", "nov", "dec"};
+  auto lower = [](char c) { return static_cast<char>((c >= 'A' && c <= 'Z') ? c + ('a' - 'A') : c); };
+  // A blank after three letters: no full month name can be meant.
+  if (!p[0] || !p[1] || !p[2] || !IsBlank(p[3])) return nullptr;
+  const char a = lower(p[0]), b = lower(p[1]), c = lower(p[2]);
+  int month = -1;
+  for (int m = 0; m < 12; m++)
+    if (months[m][0] == a && months[m][1] == b && months[m][2] == c) month = m;
+  if (month < 0) return nullptr;
+  const char* q = p + 3;
+  while (IsBlank(*q)) q++;
+  if (!IsDigit(*q)) return nullptr;
+  int day = *q++ - '0';
+  if (day <= 3 && IsDigit(*q)) day = day * 10 + (*q++ - '0');
+  if (day < 1 || day > 31) return nullptr;
+  when->tm_mon = month;
+  when->tm_mday = day;
+  SetDerivedDays(when);
+  return q;
+}
+
+// strptime(p, "%H:%M") for "14:07"; nullptr where the library must read it.
+const char* ReadClock(const char* p, struct tm* when) {
+  if (!IsDigit(p[0]) || !IsDigit(p[1]) || p[2] != ':' || !IsDigit(p[3]) || !IsDigit(p[4])) return nullptr;
+  const int hour = (p[0] - '0') * 10 + (p[1] - '0');
+  const int minute = (p[3] - '0') * 10 + (p[4] - '0');
+  if (p[0] > '2' || hour > 23 || p[3] > '5' || minute > 59) return nullptr;
+  when->tm_hour = hour;
+  when->tm_min = minute;
+  return p + 5;
+}
+
+// strptime(p, "%Y") for a four-digit year from 1000 on; nullptr where the
+// library must read it.
+const char* ReadYear(const char* p, struct tm* when) {
+  if (p[0] < '1' || p[0] > '9' || !IsDigit(p[1]) || !IsDigit(p[2]) || !IsDigit(p[3])) return nullptr;
+  when->tm_year = (p[0] - '0') * 1000 + (p[1] - '0') * 100 + (p[2] - '0') * 10 + (p[3] - '0') - 1900;
+  SetDerivedDays(when);
+  return p + 4;
+}
+
 // Parses one listing line (its CR still at the end). false after reporting
 // why the line cannot be used.
 bool ParseListingLine(const char* line, ParsedEntry* entry) {
-  time_t now = time(nullptr);
   struct tm today{};
-  if (!localtime_r(&now, &today)) {
+  if (!BrokenDownNow(&today)) {
     VFAIL("can't break-down now\n");
     return false;
   }
@@ -680,16 +827,14 @@ bool ParseListingLine(const char* line, ParsedEntry* entry) {
   const char* p = line_length < 10 ? line + line_length : line + 10;
   for (int field = 0; field < 3; field++) p = SkipField(SkipBlanks(p));  // links, owner, group
   p = SkipBlanks(p);
-  unsigned long long size = 0;
-  int consumed = 0;
-  if (sscanf(p, "%llu%n", &size, &consumed) != 1) size = 0;
-  entry->size = size;
+  entry->size = ListedSize(p);
   p = SkipField(p);
 
   struct tm when = today;
   when.tm_hour = when.tm_min = when.tm_sec = 0;
   p = SkipBlanks(p);
-  const char* date = strptime(p, "%b %d", &when);
+  const char* date = ReadMonthDay(p, &when);
+  if (!date) date = strptime(p, "%b %d", &when);
   if (!date) {
     VFAIL("can't parse date: %s\n", line);
     return false;
@@ -697,7 +842,8 @@ bool ParseListingLine(const char* line, ParsedEntry* entry) {
   p = SkipBlanks(date);
   const char* after;
   if (p[0] && p[1] && p[2] == ':') {
-    after = strptime(p, "%H:%M", &when);
+    after = ReadClock(p, &when);
+    if (!after) after = strptime(p, "%H:%M", &when);
     if (!after) {
       VFAIL("can't parse time: %s\n", line);
       return false;
@@ -706,7 +852,8 @@ bool ParseListingLine(const char* line, ParsedEntry* entry) {
     // still to come, which makes it last year.
     when.tm_year = today.tm_year - (when.tm_mon > today.tm_mon ? 1 : 0);
   } else {
-    after = strptime(p, "%Y", &when);
+    after = ReadYear(p, &when);
+    if (!after) after = strptime(p, "%Y", &when);
     if (!after) {
       VFAIL("can't parse year: %s\n", line);
       return false;
@@ -719,12 +866,14 @@ bool ParseListingLine(const char* line, ParsedEntry* entry) {
   const char* end = line + line_length;  // the name stops before the last character
   const char* arrow = strstr(name, " -> ");
   const char* name_end = arrow ? arrow : (end > name ? end - 1 : name);
-  int name_length = static_cast<int>(name_end - name);
-  if (FormatBounded(entry->name, sizeof entry->name, "/%.*s", name_length, name) >=
-      static_cast<int>(sizeof entry->name)) {
+  const size_t name_length = static_cast<size_t>(name_end - name);
+  if (name_length + 1 >= sizeof entry->name) {
     VFAIL("name too long: %s\n", name);
     return false;
   }
+  entry->name[0] = '/';
+  memcpy(entry->name + 1, name, name_length);
+  entry->name[name_length + 1] = '\0';
   const char* rest = name_end;
   if (arrow) rest = SkipField(arrow + 4);  // the link target
   rest = SkipBlanks(rest);
@@ -1173,8 +1322,14 @@ int ProcessObject(FtpSession* session, ObjectFile* object, int number, ArchiveWr
     save = SAVSECDTA;
   else if (strncmp(name, "/QSYS.LIB/", 10) == 0)
     save = SAVLIB;
+  // A name that cannot stand in an entry header at all would stop the
+  // process when the entry is closed; failing this one object instead keeps
+  // the rest of a night's backup.
+  size_t stored = strlen(name) + (S_ISDIR(object->mode) ? strlen(CtarDirectorySuffix) : 0);
+  bool fits = stored < CtarBlockSize;
+  if (!fits) VFAIL("path too long\n");
   TransferStats stats{};
-  if (save(session, object, number, &stats, ArchiveWriteCallback, writer) != 0) {
+  if (!fits || save(session, object, number, &stats, ArchiveWriteCallback, writer) != 0) {
     LogMessageTo(stderr, "Backup Failure: %s\n", object->name);
     if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s\n", object->name);
     writer->failures++;

@@ -5,13 +5,17 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <thread>
 
 #include "backup.h"
 #include "ftp.h"
@@ -84,6 +88,7 @@ double Seconds(const struct timeval& t) {
 struct DispatchRow {
   const char* name;  // exact name, or prefix when `prefix` is set; nullptr: anything
   bool prefix;
+  EntryKind kind;  // what the row restores, for EntryKindOf
   int (*run)(FtpSession* session, const char* name, const StringList* objects,
              RestoreTimes* times, ArchiveReader* reader);
   void (*report)();
@@ -92,29 +97,29 @@ struct DispatchRow {
 // Tested top to bottom; the name alone says what kind of object an entry
 // holds.
 const DispatchRow DispatchTable[] = {
-    {"/QDLS", false,
+    {"/QDLS", false, EntryKind::Documents,
      [](FtpSession* s, const char* name, const StringList*, RestoreTimes* t, ArchiveReader* r) {
        return RestoreDocuments(s, name, t, ArchiveReadCallback, r);
      },
      [] { VFAIL("DL objects restore failed\n"); }},
-    {"/System Configuration", false,
+    {"/System Configuration", false, EntryKind::Configuration,
      [](FtpSession* s, const char* name, const StringList*, RestoreTimes* t, ArchiveReader* r) {
        return RestoreConfiguration(s, name, t, ArchiveReadCallback, r);
      },
      [] { VFAIL("configuration restore failed\n"); }},
-    {"/Security Data", false,
+    {"/Security Data", false, EntryKind::SecurityData,
      [](FtpSession* s, const char* name, const StringList*, RestoreTimes* t, ArchiveReader* r) {
        int result = RestoreUserProfiles(s, name, t, ArchiveReadCallback, r);
        if (result == 0) RestoredProfiles++;
        return result;
      },
      [] { VFAIL("user profile restore failed\n"); }},
-    {"/QSYS.LIB/", true,
+    {"/QSYS.LIB/", true, EntryKind::Library,
      [](FtpSession* s, const char*, const StringList* objects, RestoreTimes* t, ArchiveReader* r) {
        return RestoreLibrary(s, objects->first, t, ArchiveReadCallback, r);
      },
      [] { VFAIL("library restore failed\n"); }},
-    {nullptr, false,
+    {nullptr, false, EntryKind::Ifs,
      [](FtpSession* s, const char*, const StringList* objects, RestoreTimes* t, ArchiveReader* r) {
        return RestoreIfsObjects(s, objects, t, ArchiveReadCallback, r);
      },
@@ -219,7 +224,176 @@ Outcome ProcessEntry(FtpSession* session, const char* name, ArchiveReader* reade
 // that its reads stay aligned for direct I/O.
 char* ScratchPage = nullptr;
 
+// Read-ahead of one entry's data. With direct I/O every read waits for the
+// device, and one read at a time leaves the upload waiting for each. So
+// while the engine sends one block, reader threads already read the next
+// ones: the very reads the callback would make (same offsets, same
+// lengths, 512-aligned and whole blocks, into aligned buffers), several in
+// flight at once, taken in order. The callback hands over exactly what its
+// own read would have given, reports a failed read when it comes to it,
+// and keeps the archive's file position where its own reads would have
+// left it. Pipes (standard input) are read as they go.
+class ReadAhead {
+ public:
+  static constexpr int Slots = 16;   // blocks read ahead at most
+  static constexpr int Readers = 8;  // reads in flight at once
+  static constexpr int64_t Step = TransferBufferSize;
+
+  // Takes over an entry's reading when it is worth it: a regular file and
+  // more than a few blocks. Called at the entry's first hand-over.
+  bool Start(const ArchiveReader* reader, int64_t room) {
+    Stop();
+    struct stat st{};
+    if (room != Step || reader->left <= 2 * Step || fstat(reader->descriptor, &st) != 0 ||
+        !S_ISREG(st.st_mode))
+      return false;
+    const off64_t here = lseek64(reader->descriptor, 0, SEEK_CUR);
+    if (here < 0) return false;
+    std::unique_lock<std::mutex> hold(lock_);
+    if (!StartThreads()) return false;
+    reader_ = reader;
+    descriptor_ = reader->descriptor;
+    base_ = here;
+    total_ = WholeBlocks(reader->left);
+    issued_ = taken_ = 0;
+    consumed_ = 0;
+    ended_ = false;
+    for (Slot& slot : slots_) slot.state = SlotState::Free;
+    active_ = true;
+    work_.notify_all();
+    return true;
+  }
+
+  bool Serves(const ArchiveReader* reader) const { return active_ && reader_ == reader; }
+
+  // The callback's read of the next block: the number of bytes read (the
+  // padding included), 0 at the end of the file, or -1 with *error set.
+  ssize_t Take(char* buffer, int64_t* length, int* error) {
+    std::unique_lock<std::mutex> hold(lock_);
+    if (ended_ || taken_ * Step >= total_) {
+      // A short read came before (the archive ended there), or nothing is
+      // left: the callback's own read would find the end of the file.
+      *length = Step;
+      return 0;
+    }
+    Slot& slot = slots_[taken_ % Slots];
+    done_.wait(hold, [&] { return slot.state == SlotState::Ready; });
+    *length = slot.length;
+    const ssize_t got = slot.got;
+    *error = slot.error;
+    // A ready slot is the callback's until it is freed: copied unlocked.
+    hold.unlock();
+    if (got > 0) memcpy(buffer, slot.data, static_cast<size_t>(got));
+    hold.lock();
+    slot.state = SlotState::Free;
+    taken_++;
+    if (got >= 0) consumed_ += got;
+    if (got < slot.length) ended_ = true;
+    work_.notify_one();  // one more block may be read
+    // Where the callback's own reads would have left the file.
+    lseek64(descriptor_, base_ + consumed_, SEEK_SET);
+    return got;
+  }
+
+  // Ends the current entry's read-ahead once the reads in flight are back.
+  void Stop() {
+    std::unique_lock<std::mutex> hold(lock_);
+    if (!active_) return;
+    active_ = false;
+    done_.wait(hold, [&] {
+      for (const Slot& slot : slots_)
+        if (slot.state == SlotState::Reading) return false;
+      return true;
+    });
+    reader_ = nullptr;
+  }
+
+ private:
+  enum class SlotState { Free, Reading, Ready };
+  struct Slot {
+    char* data = nullptr;
+    SlotState state = SlotState::Free;
+    int64_t length = 0;
+    ssize_t got = 0;
+    int error = 0;
+  };
+
+  bool StartThreads() {
+    if (started_) return true;
+    for (Slot& slot : slots_) {
+      void* mapped = mmap(nullptr, Step, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      if (mapped == MAP_FAILED) return false;
+      slot.data = static_cast<char*>(mapped);
+    }
+    // The readers live as long as the process and are never joined.
+    for (int i = 0; i < Readers; i++) std::thread([this] { Read(); }).detach();
+    started_ = true;
+    return true;
+  }
+
+  void Read() {
+    std::unique_lock<std::mutex> hold(lock_);
+    for (;;) {
+      work_.wait(hold, [&] {
+        return active_ && issued_ * Step < total_ && issued_ < taken_ + Slots;
+      });
+      const int64_t index = issued_++;
+      Slot& slot = slots_[index % Slots];
+      slot.state = SlotState::Reading;
+      slot.length = std::min<int64_t>(Step, total_ - index * Step);
+      const int descriptor = descriptor_;
+      const off64_t offset = base_ + index * Step;
+      hold.unlock();
+      // As ReadWhole gathers: until the length is in, the file ends or a
+      // read fails (-1 only when nothing was read).
+      size_t got = 0;
+      int error = 0;
+      bool failed = false;
+      while (got < static_cast<size_t>(slot.length)) {
+        ssize_t n = pread64(descriptor, slot.data + got, static_cast<size_t>(slot.length) - got,
+                            offset + static_cast<off64_t>(got));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+          error = errno;
+          failed = got == 0;
+          break;
+        }
+        if (n == 0) break;
+        got += static_cast<size_t>(n);
+      }
+      hold.lock();
+      slot.got = failed ? -1 : static_cast<ssize_t>(got);
+      slot.error = error;
+      slot.state = SlotState::Ready;
+      done_.notify_one();  // only the callback (or Stop) waits
+    }
+  }
+
+  std::mutex lock_;
+  std::condition_variable work_;  // readers wait for blocks to read
+  std::condition_variable done_;  // the callback waits for blocks read
+  Slot slots_[Slots];
+  bool started_ = false;
+  bool active_ = false;
+  const ArchiveReader* reader_ = nullptr;
+  int descriptor_ = -1;
+  off64_t base_ = 0;   // file offset of the entry's data
+  int64_t total_ = 0;  // bytes the entry's reads cover (whole blocks)
+  int64_t issued_ = 0;
+  int64_t taken_ = 0;
+  int64_t consumed_ = 0;
+  bool ended_ = false;
+};
+
+// Made once and never destroyed: its threads outlive every caller.
+ReadAhead& Ahead() {
+  static ReadAhead* ahead = new ReadAhead;
+  return *ahead;
+}
+
 }  // namespace
+
+EntryKind EntryKindOf(const char* name) { return RowFor(name).kind; }
 
 int ArchiveReadCallback(void* argument, char* buffer, int* count) {
   auto* reader = static_cast<ArchiveReader*>(argument);
@@ -240,9 +414,19 @@ int ArchiveReadCallback(void* argument, char* buffer, int* count) {
     VFAIL("bad argument\n");  // a buffer smaller than one block
     return -1;
   }
-  ssize_t got = ReadWhole(reader->descriptor, buffer, static_cast<size_t>(length));
+  ReadAhead& ahead = Ahead();
+  if (ahead.Serves(reader) && room != ReadAhead::Step) ahead.Stop();
+  ssize_t got;
+  int error = 0;
+  if (reader->calls == 0 ? ahead.Start(reader, room) : ahead.Serves(reader)) {
+    int64_t read_length = length;
+    got = ahead.Take(buffer, &read_length, &error);
+  } else {
+    got = ReadWhole(reader->descriptor, buffer, static_cast<size_t>(length));
+    error = errno;
+  }
   if (got < 0) {
-    VFAIL("read(%s,, %d): %s\n", ArchivePath(), static_cast<int>(length), strerror(errno));
+    VFAIL("read(%s,, %d): %s\n", ArchivePath(), static_cast<int>(length), strerror(error));
     return -1;
   }
   // The padding is read but never sent.
@@ -341,6 +525,9 @@ int RestoreArchive(FtpSession* session) {
       if (suffix) *suffix = '\0';
       LogMessage("Archive  : %s\n", name);
       outcome = ProcessEntry(session, name, &reader);
+      // Whatever became of the upload, no read of this entry is left in
+      // flight when the archive moves on.
+      Ahead().Stop();
     }
 
     if (outcome == Outcome::Skipped && SkipArchiveData(descriptor, size) != 0)

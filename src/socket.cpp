@@ -23,6 +23,62 @@
 
 int PollStepMs = 60000;
 
+int ParsePassiveReply(const char* reply, sockaddr_in* address, char* text, size_t text_size) {
+  memset(address, 0, sizeof *address);
+  address->sin_family = AF_INET;
+  text[0] = '\0';
+  if (strncmp(reply, "227 ", 4) != 0) {
+    VFAIL("bad PASV response\n");
+    return -1;
+  }
+  const char* at = strpbrk(reply + 4, "123456789");
+  if (!at) {
+    VFAIL("PASV response without address\n");
+    return -1;
+  }
+  // h1,h2,h3,h4 becomes the dotted text; the copy is bounded by the
+  // caller's field, so an oversized address part is refused rather than
+  // overrunning it.
+  size_t used = 0;
+  int commas = 0;
+  bool fits = true;
+  for (; *at; at++) {
+    char c = *at;
+    if (c == ',' && ++commas == 4) break;
+    if (c == ',') c = '.';
+    if (used + 1 >= text_size) {
+      fits = false;
+      break;
+    }
+    text[used++] = c;
+  }
+  text[used] = '\0';
+  int converted = inet_pton(AF_INET, text, &address->sin_addr);
+  if (converted < 0) {
+    VFAIL("PASV response address: %s\n", strerror(errno));
+    return -1;
+  }
+  if (converted == 0 || !fits || *at != ',') {
+    VFAIL("PASV response address invalid\n");
+    return -1;
+  }
+  const char* number = at + 1;
+  char* end = nullptr;
+  unsigned long high = strtoul(number, &end, 10);
+  if (end == number || *end != ',') {
+    VFAIL("PASV response port invalid\n");
+    return -1;
+  }
+  number = end + 1;
+  unsigned long low = strtoul(number, &end, 10);
+  if (end == number) {
+    VFAIL("PASV response port invalid\n");
+    return -1;
+  }
+  address->sin_port = htons(static_cast<uint16_t>(((high << 8) | low) & 0xFFFF));
+  return 0;
+}
+
 namespace {
 
 // gethostbyname and friends are not re-entrant, and workers open their
@@ -89,58 +145,8 @@ int SetUpDataConnection(FtpConnection* control, const char* last) {
   if (!IsControlRecord(control) || !IsDataRecord(control->data)) return -1;
   FtpConnection* data = control->data;
   CloseDataSocket(data);
-  memset(&data->server, 0, sizeof data->server);
-  data->server.sin_family = AF_INET;
-  if (strncmp(last, "227 ", 4) != 0) {
-    VFAIL("bad PASV response\n");
+  if (ParsePassiveReply(last, &data->server, data->server_text, sizeof data->server_text) != 0)
     return -1;
-  }
-  const char* at = strpbrk(last + 4, "123456789");
-  if (!at) {
-    VFAIL("PASV response without address\n");
-    return -1;
-  }
-  // h1,h2,h3,h4 becomes the dotted text; the copy is bounded by the field,
-  // so an oversized address part is refused rather than overrunning it.
-  char text[sizeof data->server_text];
-  size_t used = 0;
-  int commas = 0;
-  bool fits = true;
-  for (; *at; at++) {
-    char c = *at;
-    if (c == ',' && ++commas == 4) break;
-    if (c == ',') c = '.';
-    if (used + 1 >= sizeof text) {
-      fits = false;
-      break;
-    }
-    text[used++] = c;
-  }
-  text[used] = '\0';
-  memcpy(data->server_text, text, used + 1);
-  int converted = inet_pton(AF_INET, text, &data->server.sin_addr);
-  if (converted < 0) {
-    VFAIL("PASV response address: %s\n", strerror(errno));
-    return -1;
-  }
-  if (converted == 0 || !fits || *at != ',') {
-    VFAIL("PASV response address invalid\n");
-    return -1;
-  }
-  const char* number = at + 1;
-  char* end = nullptr;
-  unsigned long high = strtoul(number, &end, 10);
-  if (end == number || *end != ',') {
-    VFAIL("PASV response port invalid\n");
-    return -1;
-  }
-  number = end + 1;
-  unsigned long low = strtoul(number, &end, 10);
-  if (end == number) {
-    VFAIL("PASV response port invalid\n");
-    return -1;
-  }
-  data->server.sin_port = htons(static_cast<uint16_t>(((high << 8) | low) & 0xFFFF));
 
   int descriptor = socket(AF_INET, SOCK_STREAM, data->protocol);
   if (descriptor < 0) {
