@@ -277,6 +277,9 @@ extern int ArchiveDescriptor;
 // Sorts the include tree into one tree per ObjectKind (ObjectKindCount
 // roots), deciding which directories are saved whole.
 ObjectNode** BuildBackupList(ObjectNode* include_tree);
+// Frees what BuildBackupList made: the roots and every adopted copy in
+// them, leaving the include tree (which owns the copies' children) alone.
+void FreeBackupList(ObjectNode** kinds);
 void PlaceObject(ObjectNode** kinds, ObjectNode* dir, char* path);
 // Saves every object of a kind tree; 0, or -1 without a valid archive.
 int SaveBlock(FtpSession* session, ObjectNode* tree, int number, BackupTotals* totals);

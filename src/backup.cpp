@@ -1408,6 +1408,34 @@ ObjectNode** BuildBackupList(ObjectNode* include_tree) {
   return kinds;
 }
 
+// A kind root's lists are chains of borrowed copies that the root alone
+// owns; FreeTree would stop at the first borrowed record of each chain
+// (right for a copy met inside another tree, wrong here), so the copies
+// are freed one by one without touching the children they share.
+void FreeBackupList(ObjectNode** kinds) {
+  if (!kinds) return;
+  for (int i = 0; i < ObjectKindCount(); i++) {
+    ObjectNode* root = kinds[i];
+    if (!root) continue;
+    for (ObjectNode* dir = root->first_dir; dir;) {
+      ObjectNode* next = dir->next;
+      free(dir->name);
+      free(dir);
+      dir = next;
+    }
+    for (ObjectFile* file = root->first_file; file;) {
+      ObjectFile* next = file->next;
+      free(file->name);
+      free(file);
+      file = next;
+    }
+    root->first_dir = nullptr;
+    root->first_file = nullptr;
+    FreeTree(root);
+  }
+  delete[] kinds;
+}
+
 int SaveBlock(FtpSession* session, ObjectNode* tree, int number, BackupTotals* totals) {
   auto writer = std::make_unique<ArchiveWriter>();
   writer->descriptor = ArchiveDescriptor;
@@ -1537,7 +1565,7 @@ int BackupDriver(FtpSession* session) {
   } else {
     LogMessage("** No objects attempted\n");
   }
-  delete[] kinds;
+  FreeBackupList(kinds);
   FreeTree(include_tree);
   return status;
 }
