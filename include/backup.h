@@ -244,6 +244,8 @@ struct ArchiveWriter {
   uint64_t failures;  // objects that could not be saved
   uint64_t calls;   // callback calls for the current object
   int64_t bytes;    // data bytes written for the current object; then its size
+  uint64_t reserve_at;  // bytes at which file system space is next reserved ahead
+  uint8_t reserved;     // space was reserved beyond the archive's end
 };
 
 // Receive-direction DataCallback of RETR: writes whole 512-byte blocks at
@@ -253,6 +255,10 @@ struct ArchiveWriter {
 int ArchiveWriteCallback(void* writer, char* buffer, int* count);
 // Cuts the archive back to offset and leaves the file position there.
 int TruncateArchive(int descriptor, int64_t offset);
+// Gives back the file system space that ArchiveWriteCallback reserved
+// beyond the archive's end for a large entry; the file's content and size
+// stay as they are, and so does its position.
+void ReleaseArchiveReserve(ArchiveWriter* writer);
 
 // What a worker returns and the driver sums.
 struct BackupTotals {

@@ -230,10 +230,26 @@ class SimState:
             first = int(leaf[1:]) * per
             if first >= objects:
                 return None
-            names = ["OBJ%07d.DAT" % i
-                     for i in range(first, min(objects, first + per))]
-            return _synthetic_lines(names, False, names_only,
-                                    self.config, self._synthetic_dates())
+            # Every directory holds the same names, so its listing is made
+            # once and cut for the last, shorter directory: a walk of a
+            # million objects costs the server little more than sending.
+            key = ("files", per, names_only)
+            with self.lock:
+                made = self._synthetic_cache.get(key)
+                if made is None:
+                    names = ["OBJ%07d.DAT" % i for i in range(per)]
+                    lines = _synthetic_lines(names, False, names_only,
+                                             self.config,
+                                             self._synthetic_dates(),
+                                             joined=False)
+                    ends, at = [], 0
+                    for line in lines:
+                        at += len(line)
+                        ends.append(at)
+                    made = (b"".join(lines), ends)
+                    self._synthetic_cache[key] = made
+            payload, ends = made
+            return payload[:ends[min(objects - first, per) - 1]]
         return None
 
     def synthetic_entries_in(self, path):
@@ -252,20 +268,22 @@ class SimState:
         return dates
 
 
-def _synthetic_lines(names, directories, names_only, config, dates):
+def _synthetic_lines(names, directories, names_only, config, dates,
+                     joined=True):
     if names_only:
-        return b"".join(n.encode("ascii") + b"\r\n" for n in names)
+        lines = [n.encode("ascii") + b"\r\n" for n in names]
+        return b"".join(lines) if joined else lines
     owner = str(config.get("list_owner", "QSYS"))
     group = str(config.get("list_group", "0"))
     mode = "drwxrwsrwx" if directories else "-rwxrwx---"
     head = "%s %3d %-8s %-8s " % (mode, 2 if directories else 1, owner,
                                   group)
     n_dates = len(dates)
-    lines = ["%s%7d %s %s\r\n" % (head, 8192 if directories
-                                  else (i * 7919) % 10000000,
-                                  dates[i % n_dates], name)
+    lines = [("%s%7d %s %s\r\n" % (head, 8192 if directories
+                                   else (i * 7919) % 10000000,
+                                   dates[i % n_dates], name)).encode("ascii")
              for i, name in enumerate(names)]
-    return "".join(lines).encode("ascii")
+    return b"".join(lines) if joined else lines
 
 
 def norm(path):
@@ -949,6 +967,15 @@ class SimHandler(FTPHandler):
         """
         buf = bytearray(IO_CHUNK)
         view = memoryview(buf)
+        # Large reads: the socket counts as readable only once a good part
+        # of a chunk has arrived (or the data has ended), so a fast upload
+        # costs a few wake-ups per MiB instead of one per segment.
+        try:
+            conn.setsockopt(socket.SOL_SOCKET, socket.SO_RCVLOWAT,
+                            IO_CHUNK // 2 if budget is None
+                            else max(1, min(IO_CHUNK // 2, budget)))
+        except OSError:
+            pass
         while budget is None or budget > 0:
             self._wait(conn, False)
             want = IO_CHUNK if budget is None else min(IO_CHUNK, budget)

@@ -9,6 +9,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -1138,6 +1139,51 @@ ObjectNode* BuildIncludeList(FtpSession* session) {
 // Archive writing
 // ---------------------------------------------------------------------------
 
+namespace {
+
+// Set once any space was reserved, so that the driver gives back whatever a
+// broken transfer left reserved.
+std::atomic<bool> ArchiveSpaceReserved{false};
+
+// A large entry's space is reserved on the file system ahead of its data
+// (fallocate, keeping the file's size): writing into reserved space costs
+// the file system much less than allocating as the data comes, block by
+// block. What is left beyond the end is given back when the entry is
+// closed. Only space is reserved, never content written; where the file
+// system cannot reserve, the data is written as it comes.
+void ReserveAhead(ArchiveWriter* writer) {
+  constexpr uint64_t First = 16 << 20;  // smaller entries never reserve
+  constexpr off64_t Ahead = 64 << 20;
+  if (writer->calls == 0) writer->reserve_at = First;  // a new entry
+  if (writer->bytes < 0 || static_cast<uint64_t>(writer->bytes) < writer->reserve_at) return;
+  const off64_t here = lseek64(writer->descriptor, 0, SEEK_CUR);
+  if (here < 0 || fallocate64(writer->descriptor, FALLOC_FL_KEEP_SIZE, here, Ahead) != 0) {
+    writer->reserve_at = UINT64_MAX;  // not here: as it comes
+    return;
+  }
+  writer->reserved = 1;
+  ArchiveSpaceReserved = true;
+  writer->reserve_at = static_cast<uint64_t>(writer->bytes) + Ahead / 2;
+}
+
+// Cutting a file to its own size frees what was reserved beyond its end.
+void ReleaseReservedSpace(int descriptor) {
+  const off64_t here = lseek64(descriptor, 0, SEEK_CUR);
+  const off64_t end = lseek64(descriptor, 0, SEEK_END);
+  if (end >= 0 && ftruncate64(descriptor, end) != 0) {
+    // Only the reservation stays; the archive is whole.
+  }
+  if (here >= 0) lseek64(descriptor, here, SEEK_SET);
+}
+
+}  // namespace
+
+void ReleaseArchiveReserve(ArchiveWriter* writer) {
+  if (!writer || !writer->reserved) return;
+  writer->reserved = 0;
+  ReleaseReservedSpace(writer->descriptor);
+}
+
 int ArchiveWriteCallback(void* argument, char* buffer, int* count) {
   auto* writer = static_cast<ArchiveWriter*>(argument);
   if (!writer) {
@@ -1184,6 +1230,7 @@ int ArchiveWriteCallback(void* argument, char* buffer, int* count) {
     }
     // Whole blocks go out straight from the transfer buffer in one write.
     size_t whole = static_cast<size_t>(*count) / block_size * block_size;
+    ReserveAhead(writer);
     ssize_t written = write(writer->descriptor, at, whole);
     if (written < 0) {
       VFAIL("write(, 0x%X, %d): %s\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(at)),
@@ -1531,6 +1578,8 @@ int BackupDriver(FtpSession* session) {
   }
   for (int i = 1; i < kind_count; i++)
     if (started[static_cast<size_t>(i)]) CollectWorker(threads[static_cast<size_t>(i)], i, kinds[i], &sum);
+  // A transfer broken by a lost connection may have left space reserved.
+  if (ArchiveSpaceReserved) ReleaseReservedSpace(descriptor);
 
   if (TerminationRequested.load()) {
     VFAIL("Backup Terminated Cleanly\n");

@@ -616,6 +616,7 @@ int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* objec
       TruncateArchive(descriptor, start);
     }
   }
+  ReleaseArchiveReserve(writer);
   ReleaseArchiveLockIfHeld();
   EndThreadIfTerminating();
   return result;

@@ -225,27 +225,33 @@ Outcome ProcessEntry(FtpSession* session, const char* name, ArchiveReader* reade
 char* ScratchPage = nullptr;
 
 // Read-ahead of one entry's data. With direct I/O every read waits for the
-// device, and one read at a time leaves the upload waiting for each. So
-// while the engine sends one block, reader threads already read the next
-// ones: the very reads the callback would make (same offsets, same
-// lengths, 512-aligned and whole blocks, into aligned buffers), several in
-// flight at once, taken in order. The callback hands over exactly what its
-// own read would have given, reports a failed read when it comes to it,
-// and keeps the archive's file position where its own reads would have
-// left it. Pipes (standard input) are read as they go.
+// device, and one 64 KiB read at a time leaves the upload waiting for each.
+// So while the engine sends, reader threads read the entry's next stretch
+// of whole blocks (direct, 512-aligned, into page-aligned buffers) in reads
+// of 1 MiB, several in flight, and the callback hands over from them, in
+// order, exactly what its own read would have given. Where a stretch comes
+// back short or failed (the archive ends, or the device fails), the
+// callback goes back to its own reads from that point on, so an archive cut
+// short or a failing device ends the upload just as before, with the same
+// message. The archive's file position is kept where the callback's own
+// reads would have left it. Pipes (standard input), and files the system
+// refused direct I/O for, are read as they go.
 class ReadAhead {
  public:
-  static constexpr int Slots = 16;   // blocks read ahead at most
-  static constexpr int Readers = 8;  // reads in flight at once
-  static constexpr int64_t Step = TransferBufferSize;
+  static constexpr int64_t Step = TransferBufferSize;  // one hand-over
+  static constexpr int64_t Stretch = 16 * Step;         // one read ahead
+  static constexpr int Slots = 8;                       // stretches held
+  static constexpr int Readers = 4;                     // reads in flight
 
-  // Takes over an entry's reading when it is worth it: a regular file and
-  // more than a few blocks. Called at the entry's first hand-over.
+  // Takes over an entry's reading when it is worth it: a regular file read
+  // with direct I/O (elsewhere the kernel reads ahead itself) and more than
+  // a few hand-overs. Called at the entry's first hand-over.
   bool Start(const ArchiveReader* reader, int64_t room) {
     Stop();
     struct stat st{};
-    if (room != Step || reader->left <= 2 * Step || fstat(reader->descriptor, &st) != 0 ||
-        !S_ISREG(st.st_mode))
+    const int flags = fcntl(reader->descriptor, F_GETFL);
+    if (room != Step || reader->left <= 2 * Step || flags < 0 || !(flags & O_DIRECT) ||
+        fstat(reader->descriptor, &st) != 0 || !S_ISREG(st.st_mode))
       return false;
     const off64_t here = lseek64(reader->descriptor, 0, SEEK_CUR);
     if (here < 0) return false;
@@ -255,9 +261,8 @@ class ReadAhead {
     descriptor_ = reader->descriptor;
     base_ = here;
     total_ = WholeBlocks(reader->left);
-    issued_ = taken_ = 0;
-    consumed_ = 0;
-    ended_ = false;
+    issued_ = 0;
+    taken_ = 0;
     for (Slot& slot : slots_) slot.state = SlotState::Free;
     active_ = true;
     work_.notify_all();
@@ -266,33 +271,37 @@ class ReadAhead {
 
   bool Serves(const ArchiveReader* reader) const { return active_ && reader_ == reader; }
 
-  // The callback's read of the next block: the number of bytes read (the
-  // padding included), 0 at the end of the file, or -1 with *error set.
-  ssize_t Take(char* buffer, int64_t* length, int* error) {
+  // The next hand-over's bytes (its padding included) from what was read
+  // ahead: the count, or -1 when the callback must read for itself from
+  // here on (the read-ahead has then ended).
+  ssize_t Take(char* buffer) {
     std::unique_lock<std::mutex> hold(lock_);
-    if (ended_ || taken_ * Step >= total_) {
-      // A short read came before (the archive ended there), or nothing is
-      // left: the callback's own read would find the end of the file.
-      *length = Step;
-      return 0;
-    }
-    Slot& slot = slots_[taken_ % Slots];
+    const int64_t stretch = taken_ / Stretch;
+    Slot& slot = slots_[stretch % Slots];
     done_.wait(hold, [&] { return slot.state == SlotState::Ready; });
-    *length = slot.length;
-    const ssize_t got = slot.got;
-    *error = slot.error;
+    const int64_t within = taken_ - stretch * Stretch;
+    const int64_t length = std::min(Step, total_ - taken_);
+    if (slot.got != slot.length) {
+      // A short or failed stretch: where the file position stands now, the
+      // callback's own reads take over and meet the end or the failure.
+      hold.unlock();
+      Stop();
+      return -1;
+    }
     // A ready slot is the callback's until it is freed: copied unlocked.
     hold.unlock();
-    if (got > 0) memcpy(buffer, slot.data, static_cast<size_t>(got));
+    memcpy(buffer, slot.data + within, static_cast<size_t>(length));
     hold.lock();
-    slot.state = SlotState::Free;
-    taken_++;
-    if (got >= 0) consumed_ += got;
-    if (got < slot.length) ended_ = true;
-    work_.notify_one();  // one more block may be read
+    taken_ += length;
+    if (taken_ == total_ || taken_ % Stretch == 0) {
+      slot.state = SlotState::Free;
+      work_.notify_one();  // one more stretch may be read
+    }
+    const off64_t position = base_ + taken_;
+    hold.unlock();
     // Where the callback's own reads would have left the file.
-    lseek64(descriptor_, base_ + consumed_, SEEK_SET);
-    return got;
+    lseek64(descriptor_, position, SEEK_SET);
+    return static_cast<ssize_t>(length);
   }
 
   // Ends the current entry's read-ahead once the reads in flight are back.
@@ -314,14 +323,14 @@ class ReadAhead {
     char* data = nullptr;
     SlotState state = SlotState::Free;
     int64_t length = 0;
-    ssize_t got = 0;
-    int error = 0;
+    int64_t got = 0;  // -1: the read failed
   };
 
   bool StartThreads() {
     if (started_) return true;
     for (Slot& slot : slots_) {
-      void* mapped = mmap(nullptr, Step, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      if (slot.data) continue;
+      void* mapped = mmap(nullptr, Stretch, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
       if (mapped == MAP_FAILED) return false;
       slot.data = static_cast<char*>(mapped);
     }
@@ -335,43 +344,33 @@ class ReadAhead {
     std::unique_lock<std::mutex> hold(lock_);
     for (;;) {
       work_.wait(hold, [&] {
-        return active_ && issued_ * Step < total_ && issued_ < taken_ + Slots;
+        return active_ && issued_ * Stretch < total_ && issued_ < taken_ / Stretch + Slots;
       });
       const int64_t index = issued_++;
       Slot& slot = slots_[index % Slots];
       slot.state = SlotState::Reading;
-      slot.length = std::min<int64_t>(Step, total_ - index * Step);
+      slot.length = std::min(Stretch, total_ - index * Stretch);
       const int descriptor = descriptor_;
-      const off64_t offset = base_ + index * Step;
+      const off64_t offset = base_ + index * Stretch;
       hold.unlock();
-      // As ReadWhole gathers: until the length is in, the file ends or a
-      // read fails (-1 only when nothing was read).
-      size_t got = 0;
-      int error = 0;
-      bool failed = false;
-      while (got < static_cast<size_t>(slot.length)) {
-        ssize_t n = pread64(descriptor, slot.data + got, static_cast<size_t>(slot.length) - got,
-                            offset + static_cast<off64_t>(got));
+      int64_t got = 0;
+      while (got < slot.length) {
+        ssize_t n = pread64(descriptor, slot.data + got, static_cast<size_t>(slot.length - got), offset + got);
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-          error = errno;
-          failed = got == 0;
-          break;
-        }
-        if (n == 0) break;
-        got += static_cast<size_t>(n);
+        if (n < 0) got = -1;
+        if (n <= 0) break;
+        got += n;
       }
       hold.lock();
-      slot.got = failed ? -1 : static_cast<ssize_t>(got);
-      slot.error = error;
+      slot.got = got;
       slot.state = SlotState::Ready;
       done_.notify_one();  // only the callback (or Stop) waits
     }
   }
 
   std::mutex lock_;
-  std::condition_variable work_;  // readers wait for blocks to read
-  std::condition_variable done_;  // the callback waits for blocks read
+  std::condition_variable work_;  // readers wait for stretches to read
+  std::condition_variable done_;  // the callback waits for stretches read
   Slot slots_[Slots];
   bool started_ = false;
   bool active_ = false;
@@ -379,10 +378,8 @@ class ReadAhead {
   int descriptor_ = -1;
   off64_t base_ = 0;   // file offset of the entry's data
   int64_t total_ = 0;  // bytes the entry's reads cover (whole blocks)
-  int64_t issued_ = 0;
-  int64_t taken_ = 0;
-  int64_t consumed_ = 0;
-  bool ended_ = false;
+  int64_t issued_ = 0;  // stretches handed to the readers
+  int64_t taken_ = 0;   // bytes handed over
 };
 
 // Made once and never destroyed: its threads outlive every caller.
@@ -416,17 +413,11 @@ int ArchiveReadCallback(void* argument, char* buffer, int* count) {
   }
   ReadAhead& ahead = Ahead();
   if (ahead.Serves(reader) && room != ReadAhead::Step) ahead.Stop();
-  ssize_t got;
-  int error = 0;
-  if (reader->calls == 0 ? ahead.Start(reader, room) : ahead.Serves(reader)) {
-    int64_t read_length = length;
-    got = ahead.Take(buffer, &read_length, &error);
-  } else {
-    got = ReadWhole(reader->descriptor, buffer, static_cast<size_t>(length));
-    error = errno;
-  }
+  ssize_t got = -1;
+  if (reader->calls == 0 ? ahead.Start(reader, room) : ahead.Serves(reader)) got = ahead.Take(buffer);
+  if (got < 0) got = ReadWhole(reader->descriptor, buffer, static_cast<size_t>(length));
   if (got < 0) {
-    VFAIL("read(%s,, %d): %s\n", ArchivePath(), static_cast<int>(length), strerror(error));
+    VFAIL("read(%s,, %d): %s\n", ArchivePath(), static_cast<int>(length), strerror(errno));
     return -1;
   }
   // The padding is read but never sent.
