@@ -1,8 +1,9 @@
 #!/bin/sh
-# Installs the Debian packages that building and testing need. As root the
-# missing ones are installed; otherwise they are only named.
+# Installs the Debian packages given as arguments, by default those that
+# building and testing need. As root the missing ones are installed;
+# otherwise they are named and the script fails.
 set -u
-packages="cmake g++ make libgtest-dev iproute2 util-linux python3-pyftpdlib python3-pytest vsftpd clang libclang-rt-14-dev"
+packages="${*:-cmake g++ make libgtest-dev iproute2 util-linux python3-pyftpdlib python3-pytest vsftpd clang libclang-rt-14-dev}"
 missing=""
 for p in $packages; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
@@ -15,4 +16,6 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "installing:$missing"
 export DEBIAN_FRONTEND=noninteractive
-apt-get update -qq && apt-get install -y -qq $missing >/dev/null
+# The package lists may be current already; fetch them only when needed.
+apt-get install -y -qq $missing >/dev/null 2>&1 ||
+  { apt-get update -qq && apt-get install -y -qq $missing >/dev/null; }
