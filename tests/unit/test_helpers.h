@@ -1,6 +1,8 @@
 // Small helpers shared by the unit tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <string>
 
@@ -36,5 +38,22 @@ struct StderrCapture {
   FILE* saved = stderr;
   StderrCapture() { stderr = capture.stream; }
   ~StderrCapture() { stderr = saved; }
+  std::string Text() { return capture.Text(); }
+};
+
+// Redirects standard output into a temporary file for the life of the
+// object. GoogleTest reports failed checks on standard output too, so when
+// the test has failed the captured text (reports included) is passed on.
+struct StdoutCapture {
+  CapturedStream capture;
+  FILE* saved = stdout;
+  StdoutCapture() { stdout = capture.stream; }
+  ~StdoutCapture() {
+    stdout = saved;
+    if (::testing::Test::HasFailure()) {
+      std::string text = capture.Text();
+      fwrite(text.data(), 1, text.size(), stdout);
+    }
+  }
   std::string Text() { return capture.Text(); }
 };

@@ -284,14 +284,6 @@ TEST(ArchiveReadCallback, FailuresAbortTheTransfer) {
 
 // --- the restore family against a scripted peer
 
-struct StdoutCapture {
-  CapturedStream capture;
-  FILE* saved = stdout;
-  StdoutCapture() { stdout = capture.stream; }
-  ~StdoutCapture() { stdout = saved; }
-  std::string Text() { return capture.Text(); }
-};
-
 // An IBM i-like peer that takes uploads and answers every other command
 // from `answer` (default "250 <verb> done.").
 struct UploadPeer {

@@ -29,23 +29,6 @@
 
 namespace {
 
-// Redirects standard output into a temporary file for the life of the
-// object. GoogleTest reports failed checks on standard output too, so when
-// the test has failed the captured text (reports included) is passed on.
-struct StdoutCapture {
-  CapturedStream capture;
-  FILE* saved = stdout;
-  StdoutCapture() { stdout = capture.stream; }
-  ~StdoutCapture() {
-    stdout = saved;
-    if (::testing::Test::HasFailure()) {
-      std::string text = capture.Text();
-      fwrite(text.data(), 1, text.size(), stdout);
-    }
-  }
-  std::string Text() { return capture.Text(); }
-};
-
 std::string Pattern(size_t size, int seed) {
   std::string out(size, '\0');
   for (size_t i = 0; i < size; i++) out[i] = static_cast<char>((i * 13 + seed) & 0xFF);
