@@ -722,15 +722,44 @@ class SimHandler(FTPHandler):
             if ctrl in r:
                 return
 
+    def _await_client_close(self, conn):
+        """Hold the control connection until the client has taken all data.
+
+        "close_after_data" means the whole transfer went through before the
+        session broke. Dropping the session while the data still sits in the
+        client's socket lets the client see the hang-up first, so the fault
+        would be a different one each run. The client closes its end once it
+        has read the end of the data; a client that never does is given up
+        on after a while.
+        """
+        try:
+            conn.shutdown(socket.SHUT_WR)
+        except OSError:
+            return
+        deadline = time.monotonic() + 30
+        while not STOP.is_set() and time.monotonic() < deadline:
+            r, _, _ = select.select([conn], [], [], POLL)
+            if conn in r:
+                try:
+                    if not conn.recv(65536):
+                        return
+                except BlockingIOError:
+                    pass
+                except OSError:
+                    return
+
     def _finish(self, ok_reply):
         """Close the data connection and give the final reply."""
         conn, self._data = self._data, None
+        drop = self.fault("close_after_data")
         if conn is not None:
+            if drop:
+                self._await_client_close(conn)
             try:
                 conn.close()
             except OSError:
                 pass
-        if self.fault("close_after_data"):
+        if drop:
             self._drop_session()
             return
         self._restart_idle_timer()
