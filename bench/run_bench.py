@@ -190,23 +190,35 @@ class Bench:
         r.transfer = float(total) - float(pre)
         return r
 
+    def alternate(self, label, size, reps, sides):
+        """Runs both sides `reps` times in turns, each round starting with
+        the other one, after an unrecorded warm-up round. `sides` maps a
+        name to a function running that side once."""
+        runs = {who: [] for who in sides}
+        names = list(sides)
+        for i in range(reps + 1):
+            for who in names if i % 2 == 0 else names[::-1]:
+                r = sides[who]()
+                if i > 0:
+                    runs[who].append(r)
+            log("  %s %.2f GiB round %d/%d done" % (label, size / GIB, i, reps))
+        return runs
+
     def backup(self, size, reps):
         archive = self.work / "backup.ctar"
         download = self.work / "download.savf"
-        runs = {"vondral": [], "curl": []}
-        for i in range(reps + 1):  # the first round warms up, unrecorded
-            order = ("vondral", "curl") if i % 2 == 0 else ("curl", "vondral")
-            for who in order:
-                if who == "vondral":
-                    r = self.vondral_backup(size, archive)
-                    archive.unlink()
-                else:
-                    r = self.curl_download(size, download)
-                    download.unlink()
-                if i > 0:
-                    runs[who].append(r)
-            log("  backup %.2f GiB round %d/%d done" % (size / GIB, i, reps))
-        return runs
+
+        def vondral():
+            r = self.vondral_backup(size, archive)
+            archive.unlink()
+            return r
+
+        def curl():
+            r = self.curl_download(size, download)
+            download.unlink()
+            return r
+
+        return self.alternate("backup", size, reps, {"vondral": vondral, "curl": curl})
 
     def keep_archive(self, size):
         """An archive holding the entry, on disk, and curl's download of
@@ -252,18 +264,9 @@ class Bench:
         return r
 
     def restore(self, size, reps, archive, image):
-        runs = {"vondral": [], "curl": []}
-        for i in range(reps + 1):
-            order = ("vondral", "curl") if i % 2 == 0 else ("curl", "vondral")
-            for who in order:
-                if who == "vondral":
-                    r = self.vondral_restore(size, archive)
-                else:
-                    r = self.curl_upload(size, image)
-                if i > 0:
-                    runs[who].append(r)
-            log("  restore %.2f GiB round %d/%d done" % (size / GIB, i, reps))
-        return runs
+        return self.alternate("restore", size, reps, {
+            "vondral": lambda: self.vondral_restore(size, archive),
+            "curl": lambda: self.curl_upload(size, image)})
 
     # --- walks of synthetic listings
 
