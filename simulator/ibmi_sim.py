@@ -105,15 +105,8 @@ class SimState:
         self.faults = [Rule(f, "fault") for f in config.get("faults", [])]
         self.replies = [Rule(r, "reply") for r in config.get("replies", [])]
         self.cpf3caa = {norm(p) for p in config.get("cpf3caa_paths", [])}
-        self.list_chunks = {norm(k): v for k, v in
-                            config.get("list_chunks", {}).items()}
-        self.list_chunk_pause = float(config.get("list_chunk_pause", 0.05))
         self.extra_lines = {norm(k): v for k, v in
                             config.get("extra_list_lines", {}).items()}
-        self.empty_save = set()
-        for item in config.get("empty_save", []):
-            self.empty_save.add(norm(item) if item.startswith("/")
-                                else item.upper())
         self.refuse_after = config.get("refuse_logins_after")
         # objects whose save is a prebuilt placeholder image of a given
         # size, made once and hard-linked into each session's save file
@@ -780,7 +773,7 @@ class SimHandler(FTPHandler):
     def _send_payload(self, conn, pieces):
         """Send a sequence of (kind, value) pieces honouring data faults.
 
-        kind "bytes": value is bytes; "file": (fd, size); "pause": seconds.
+        kind "bytes": value is bytes; "file": (fd, size).
         Returns True when everything went out, False after an abort.
         """
         drop = self.fault("close_data_after")
@@ -794,9 +787,6 @@ class SimHandler(FTPHandler):
             for kind, value in pieces:
                 if budget is not None and budget <= 0:
                     break
-                if kind == "pause":
-                    STOP.wait(value)
-                    continue
                 if kind == "bytes":
                     n = self._send(conn, value, budget)
                 else:
@@ -885,10 +875,6 @@ class SimHandler(FTPHandler):
         payload = self._list_payload(path, st.fs_path(path), names_only)
         missing = "550 Specified directory does not exist or cannot be " \
                   "accessed."
-        if payload is None and st.config.get("list_missing_before_data"):
-            self._close_data()
-            self.respond(missing)
-            return
         self.respond("125 List started.")
         conn = self._accept()
         if conn is None:
@@ -897,16 +883,7 @@ class SimHandler(FTPHandler):
         if payload is None:
             self._finish(missing)
             return
-        pieces = []
-        pos = 0
-        for size in st.list_chunks.get(path, []):
-            if pos >= len(payload):
-                break
-            pieces.append(("bytes", payload[pos:pos + int(size)]))
-            pieces.append(("pause", st.list_chunk_pause))
-            pos += int(size)
-        pieces.append(("bytes", payload[pos:]))
-        if self._send_payload(conn, pieces):
+        if self._send_payload(conn, [("bytes", payload)]):
             self._finish("250 List completed.")
 
     def ftp_LIST(self, arg):
@@ -1097,24 +1074,19 @@ class SimHandler(FTPHandler):
         del self.savfs[name]
         return "250 Command DLTF successful."
 
-    def _save(self, name, key, meta, source, since=None, omit=(),
+    def _save(self, name, meta, source, since=None, omit=(),
               synthesize=False, count_top=True):
         """Write an image of source into save file name; returns n saved."""
         entries = savimage.walk(source, since, omit, synthesize)
         dest = self.savf_path(name)
-        if key in self.state.empty_save:
-            n = sum(1 for _ in entries)
-            _unshare(dest)
-            open(dest, "wb").close()
-        else:
-            # a failed save must leave the previous content in place
-            tmp = dest + ".new"
-            try:
-                n = savimage.write_image(tmp, meta, entries)
-                os.replace(tmp, dest)
-            finally:
-                if os.path.exists(tmp):
-                    os.unlink(tmp)
+        # a failed save must leave the previous content in place
+        tmp = dest + ".new"
+        try:
+            n = savimage.write_image(tmp, meta, entries)
+            os.replace(tmp, dest)
+        finally:
+            if os.path.exists(tmp):
+                os.unlink(tmp)
         if not count_top:
             n = max(0, n - 1)
         return n
@@ -1145,7 +1117,7 @@ class SimHandler(FTPHandler):
         omit_fs = [o for o in omit_fs if o]
         omit_fs.append(self.state.special(""))  # never save the .sim area
         meta = {"kind": "OBJ", "path": path, "changed_since": since}
-        n = self._save(name, path, meta, fs, since, omit_fs)
+        n = self._save(name, meta, fs, since, omit_fs)
         return "250 %d objects saved." % n
 
     def _save_large(self, name, path):
@@ -1169,14 +1141,14 @@ class SimHandler(FTPHandler):
             return "550 CPF3781 Library %s not found." % lib
         meta = {"kind": "LIB", "library": lib,
                 "path": "/QSYS.LIB/%s.LIB" % lib}
-        n = self._save(name, lib, meta, libfs, count_top=False)
+        n = self._save(name, meta, libfs, count_top=False)
         return "250 %d objects saved from library %s." % (n, lib)
 
     def _save_special(self, params, kind, key, source):
         name, err = self._savf_param(params)
         if err:
             return err
-        n = self._save(name, key, {"kind": kind, "path": key}, source,
+        n = self._save(name, {"kind": kind, "path": key}, source,
                        synthesize=True, count_top=False)
         return "250 %d objects saved." % n
 

@@ -5,22 +5,13 @@ import io
 import json
 import tarfile
 
+from ctarlib import SIZE64_ALPHABET as ALPHABET, checksum  # the simplest parts, shared
+
 BLOCK = 512
-ALPHABET = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
 
 
 class ArchiveError(AssertionError):
     pass
-
-
-def checksum(block):
-    total = 0
-    for i, b in enumerate(block):
-        if 148 <= i < 156:
-            total += 32
-        else:
-            total += b - 256 if b >= 128 else b
-    return total % 65536
 
 
 def _cstr(field):
@@ -44,23 +35,19 @@ def _size(field):
 
 
 def name_of(block):
-    parts = [block[0:100], block[368:438]]
+    """(name, stored name): the pieces in order up to the first that is not
+    full; pieces 3 to 5 only when the long-name flag is set."""
+    pieces = [(0, 100), (368, 70)]
+    if int(_cstr(block[293:297]) or b"0", 8) & 64:
+        pieces += [(159, 98), (440, 70), (305, 62)]
     name = b""
-    for piece in parts:
-        s = _cstr(piece)
-        name += s
-        if len(s) < len(piece):
+    for at, width in pieces:
+        piece = _cstr(block[at:at + width])
+        name += piece
+        if len(piece) < width:
             break
-    else:
-        if int(_cstr(block[293:297]) or b"0", 8) & 64:
-            for piece in (block[159:257], block[440:510], block[305:367]):
-                s = _cstr(piece)
-                name += s
-                if len(s) < len(piece):
-                    break
     text = name.decode("latin-1")
-    cut = text.find(".savf")
-    return text if cut < 0 else text[:cut], text
+    return text.split(".savf")[0], text
 
 
 class Entry:

@@ -63,56 +63,39 @@ class Sim:
     that trees can be compared byte for byte.
     """
 
-    def __init__(self, addr="127.0.0.5", root=None, config=None, port=21,
-                 state_dir=None):
+    def __init__(self, addr="127.0.0.5", root=None, config=None, port=21, state_dir=None):
         self.addr = addr
         self.port = port
-        self.root = Path(root) if root is not None else \
-            Path(tempfile.mkdtemp(prefix="vondral-root-"))
+        self.root = Path(root if root is not None else tempfile.mkdtemp(prefix="vondral-root-"))
         self.root.mkdir(parents=True, exist_ok=True)
         self.config = dict(config or {})
-        self.state_dir = Path(state_dir) if state_dir is not None else \
-            Path(tempfile.mkdtemp(prefix="vondral-sim-"))
+        self.state_dir = Path(state_dir if state_dir is not None
+                              else tempfile.mkdtemp(prefix="vondral-sim-"))
         self.log_path = self.state_dir / "log.jsonl"
         self.stderr_path = self.state_dir / "stderr.txt"
         self.config_path = self.state_dir / "config.json"
         self.proc = None
-
-    # --- lifecycle
+        self.exit_status = None  # of the last stopped process
 
     @property
     def running(self):
         return self.proc is not None and self.proc.poll() is None
 
-    @property
-    def returncode(self):
-        return None if self.proc is None else self.proc.poll()
-
     def start(self, timeout=10.0):
-        """Launch the server and wait until it accepts connections.
-
-        Starting again after stop() keeps the log and continues the
-        session numbering.
-        """
+        """Launch the server and wait until it accepts connections. Starting
+        again after stop() keeps the log and continues the session numbering."""
         if self.running:
             raise SimError("simulator already running")
         self.state_dir.mkdir(parents=True, exist_ok=True)
         self.config_path.write_text(json.dumps(self.config, indent=1))
-        first = max(self.sessions(), default=0) + 1
-        cmd = [PYTHON, str(SIM_SCRIPT), "--addr", self.addr,
-               "--port", str(self.port), "--root", str(self.root),
-               "--config", str(self.config_path),
-               "--log", str(self.log_path),
-               "--work", str(self.state_dir / "work"),
-               "--first-session", str(first)]
-        env = dict(os.environ, PYTHONDONTWRITEBYTECODE="1")
-        err = open(self.stderr_path, "ab")
-        try:
-            self.proc = subprocess.Popen(cmd, stdout=subprocess.PIPE,
-                                         stderr=err, stdin=subprocess.DEVNULL,
-                                         env=env)
-        finally:
-            err.close()
+        cmd = [PYTHON, str(SIM_SCRIPT), "--addr", self.addr, "--port", str(self.port),
+               "--root", str(self.root), "--config", str(self.config_path),
+               "--log", str(self.log_path), "--work", str(self.state_dir / "work"),
+               "--first-session", str(max(self.sessions(), default=0) + 1)]
+        with open(self.stderr_path, "ab") as err:
+            self.proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=err,
+                                         stdin=subprocess.DEVNULL,
+                                         env=dict(os.environ, PYTHONDONTWRITEBYTECODE="1"))
         deadline = time.monotonic() + timeout
         out = b""
         while b"READY" not in out:
@@ -120,13 +103,9 @@ class Sim:
             if left <= 0 or self.proc.poll() is not None:
                 self.stop()
                 raise SimError("simulator on %s did not start:\n%s"
-                               % (self.addr, self.stderr_text()))
-            r, _, _ = select.select([self.proc.stdout], [], [], left)
-            if r:
-                chunk = os.read(self.proc.stdout.fileno(), 4096)
-                if not chunk:
-                    continue
-                out += chunk
+                               % (self.addr, self.stderr_path.read_text(errors="replace")))
+            if select.select([self.proc.stdout], [], [], left)[0]:
+                out += os.read(self.proc.stdout.fileno(), 4096)
         return self
 
     def stop(self, timeout=5.0):
@@ -134,7 +113,6 @@ class Sim:
         proc, self.proc = self.proc, None
         if proc is None:
             return
-        self._last_returncode = None
         if proc.poll() is None:
             proc.send_signal(signal.SIGTERM)
             try:
@@ -142,34 +120,9 @@ class Sim:
             except subprocess.TimeoutExpired:
                 proc.kill()
                 proc.wait()
-        self._last_returncode = proc.returncode
+        self.exit_status = proc.returncode
         if proc.stdout:
             proc.stdout.close()
-
-    @property
-    def exit_status(self):
-        """Exit status of the last stopped process (None before a stop)."""
-        return getattr(self, "_last_returncode", None)
-
-    def restart(self, config=None):
-        self.stop()
-        if config is not None:
-            self.config = dict(config)
-        return self.start()
-
-    def __enter__(self):
-        if not self.running:
-            self.start()
-        return self
-
-    def __exit__(self, *exc):
-        self.stop()
-
-    def stderr_text(self):
-        try:
-            return self.stderr_path.read_text(errors="replace")
-        except FileNotFoundError:
-            return ""
 
     # --- clients
 
@@ -180,8 +133,7 @@ class Sim:
     def ftp(self, user=None, password=None, timeout=10):
         """An ftplib connection logged in with the configured user."""
         if user is None:
-            users = self.config.get("users") or \
-                {DEFAULT_USER: DEFAULT_PASSWORD}
+            users = self.config.get("users") or {DEFAULT_USER: DEFAULT_PASSWORD}
             user, password = next(iter(users.items()))
         f = self.connect(timeout)
         f.login(user, password)
@@ -197,11 +149,10 @@ class Sim:
             return []
         out = []
         for line in text.splitlines():
-            if line.strip():
-                try:
-                    out.append(json.loads(line))
-                except ValueError:
-                    pass  # the last line may be half written right now
+            try:
+                out.append(json.loads(line))
+            except ValueError:
+                pass  # an empty line, or the last one half written right now
         return out
 
     def commands(self):
@@ -213,13 +164,11 @@ class Sim:
 
     def lines(self, session=None):
         """Just the command lines, optionally of one session."""
-        return [r["cmd"] for r in self.commands()
-                if session is None or r["session"] == session]
+        return [r["cmd"] for r in self.commands() if session is None or r["session"] == session]
 
     def sessions(self):
         """Session ids seen so far (1 is the first connection)."""
-        return sorted({r["session"] for r in self.records()
-                       if "session" in r})
+        return sorted({r["session"] for r in self.records() if "session" in r})
 
     def faults(self):
         """Faults that fired: [{"session", "fault", "line", ...}]."""
@@ -270,15 +219,13 @@ def make_tree(root, layout):
             if isinstance(value, Dir):
                 path.mkdir(exist_ok=True)
                 build(path, value.children)
-                if value.mode is not None or value.mtime is not None:
-                    late.append((path, value.mode, value.mtime))
+                late.append((path, value.mode, value.mtime))
             elif isinstance(value, Link):
                 if os.path.lexists(path):
                     os.unlink(path)
                 os.symlink(value.target, path)
                 if value.mtime is not None:
-                    os.utime(path, (value.mtime, value.mtime),
-                             follow_symlinks=False)
+                    os.utime(path, (value.mtime, value.mtime), follow_symlinks=False)
             elif isinstance(value, File):
                 path.write_bytes(value.data)
                 if value.mode is not None:
@@ -298,31 +245,23 @@ def make_tree(root, layout):
 
 
 def sample_tree(now=None):
-    """A small server tree with the awkward cases a backup must survive.
-
-    Names with blanks, apostrophes and double quotes, an empty directory,
-    a symbolic link, binary data, old and recent mtimes, libraries,
-    document folders, non-library QSYS.LIB objects, security data and
-    configuration.
-    """
-    now = time.time() if now is None else now
-    old = now - 400 * 86400
+    """A small server tree with the awkward cases a backup must survive:
+    names with blanks, apostrophes and double quotes, an empty directory, a
+    symbolic link, binary data, old and recent mtimes, libraries, document
+    folders, non-library QSYS.LIB objects, security data and configuration."""
+    old = (time.time() if now is None else now) - 400 * 86400
     return {
         "home": {
             "alice": {
                 "notes.txt": File("hello\n", 0o640, old),
-                "a b": {
-                    "it's \"quoted\".txt": File(b"quote\n" * 100),
-                    "empty dir": {},
-                },
+                "a b": {"it's \"quoted\".txt": File(b"quote\n" * 100), "empty dir": {}},
                 "bin.dat": File(bytes(range(256)) * 64, 0o600),
                 "link to notes": Link("notes.txt"),
             },
             "bob": Dir({"report.csv": "a,b\n1,2\n"}, 0o750),
         },
         "QSYS.LIB": {
-            "PAYROLL.LIB": {"EMP.FILE": b"EMPDATA" * 50,
-                            "CALC.PGM": b"\x00\x01PGM"},
+            "PAYROLL.LIB": {"EMP.FILE": b"EMPDATA" * 50, "CALC.PGM": b"\x00\x01PGM"},
             "SALES.LIB": {"ORDERS.FILE": b"ORDERS"},
             "JOE.USRPRF": b"profile",
         },
@@ -330,14 +269,6 @@ def sample_tree(now=None):
         ".sim": {"security": {"QSECOFR": "sec", "JOE": "joe"},
                  "config": {"LIND1": "line", "CTLD1": "ctl"}},
     }
-
-
-def _sha256(path):
-    h = hashlib.sha256()
-    with open(path, "rb") as f:
-        for chunk in iter(lambda: f.read(1 << 20), b""):
-            h.update(chunk)
-    return h.hexdigest()
 
 
 def tree_digest(root, modes=True, mtimes=False, exclude=()):
@@ -368,7 +299,8 @@ def tree_digest(root, modes=True, mtimes=False, exclude=()):
             elif stat.S_ISDIR(st.st_mode):
                 desc = ("dir",)
             elif stat.S_ISREG(st.st_mode):
-                desc = ("file", st.st_size, _sha256(full))
+                with open(full, "rb") as f:
+                    desc = ("file", st.st_size, hashlib.file_digest(f, "sha256").hexdigest())
             else:
                 desc = ("other", stat.S_IFMT(st.st_mode))
             if modes and not stat.S_ISLNK(st.st_mode):
@@ -381,9 +313,7 @@ def tree_digest(root, modes=True, mtimes=False, exclude=()):
 
 def compare_trees(a, b, **kwargs):
     """Differences between two trees as readable lines ([] when equal).
-
-    Keyword arguments are those of tree_digest.
-    """
+    Keyword arguments are those of tree_digest."""
     da, db = tree_digest(a, **kwargs), tree_digest(b, **kwargs)
     diffs = []
     for rel in sorted(set(da) | set(db)):

@@ -1,24 +1,31 @@
 """Running the real binary in end-to-end tests and reading its output."""
 import re
+import signal
 import subprocess
+import time
 
 import simlib
 
 PREFIX = re.compile(r"^\[\d\d:\d\d:\d\d\] \[T(\d\d+)\] ")
 
 
+def decoded(data):
+    """Output as text, the way text=True reads it, undecodable bytes kept."""
+    if isinstance(data, str):
+        return data
+    return data.decode("utf-8", "surrogateescape").replace("\r\n", "\n").replace("\r", "\n")
+
+
 class Run:
     def __init__(self, proc):
         self.status = proc.returncode
-        self.out = proc.stdout
-        self.err = proc.stderr
+        self.out, self.err = (decoded(s) for s in (proc.stdout, proc.stderr))
 
     @staticmethod
     def strip(text):
-        """Lines without the log prefix. Messages of two lines (a failure and
-        the server's reply text, indented by two blanks) and raw echoes carry
-        the prefix on their first line only; those lines are kept as they
-        stand."""
+        """Lines without the log prefix. The second line of a failure (the
+        server's reply, indented by two blanks) and raw echoes carry no
+        prefix; they are kept as they stand."""
         lines = []
         for line in text.splitlines():
             m = PREFIX.match(line)
@@ -45,8 +52,9 @@ class Run:
 
 
 def vondral(*args, timeout=120, **kwargs):
+    """Runs the client to its end; input= (bytes) goes to standard input."""
     proc = subprocess.run([simlib.vondral_bin(), *map(str, args)], capture_output=True,
-                          text=True, errors="surrogateescape", timeout=timeout, **kwargs)
+                          timeout=timeout, **kwargs)
     return Run(proc)
 
 
@@ -54,13 +62,56 @@ def creds(user="qsecofr", password="secret"):
     return "%s:here:%s" % (user, password)
 
 
-def fail_line(module, text):
-    """A pattern for an internal failure line of the given module."""
-    return re.compile(r"^vondral\[%s\.cpp,\d+\]: %s$" % (re.escape(module), re.escape(text)))
+def backup(sim, work, *args, include=None, exclude=None, tag="a", timeout=120):
+    """A backup into work/TAG.ctar with its catalog and not-backed-up list
+    beside it; include and exclude are the texts of the path files. The Run
+    carries .archive, .catalog (lines) and .notbackedup (lines)."""
+    extra = []
+    for option, text, suffix in (("-i", include, ".inc"), ("-e", exclude, ".exc")):
+        if text is not None:
+            (work / (tag + suffix)).write_text(text)
+            extra += [option, work / (tag + suffix)]
+    archive, catalog, nbu = (work / (tag + s) for s in (".ctar", ".catalog", ".nbu"))
+    with open(nbu, "w") as f:
+        r = vondral("-s", sim.addr, "-c", creds(), "-b", archive, "-C", catalog,
+                    "-n", f.fileno(), *extra, *args, pass_fds=(f.fileno(),), timeout=timeout)
+    r.archive = archive
+    r.catalog = catalog.read_text().splitlines() if catalog.exists() else []
+    r.notbackedup = Run.strip(nbu.read_text())
+    return r
+
+
+def restore(sim, archive, *args, **kwargs):
+    return vondral("-s", sim.addr, "-c", creds(), "-r", archive, *args, **kwargs)
+
+
+def terminated(sim, *args, when, count=1):
+    """Runs the client against sim and sends it SIGTERM once the server has
+    seen `count` commands matching the pattern `when`."""
+    proc = subprocess.Popen([simlib.vondral_bin(), "-s", sim.addr, "-c", creds(),
+                             *map(str, args)], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    try:
+        deadline = time.monotonic() + 20
+        while sum(1 for c in sim.lines() if re.search(when, c)) < count:
+            assert time.monotonic() < deadline and proc.poll() is None, "never saw " + when
+            time.sleep(0.02)
+        proc.send_signal(signal.SIGTERM)
+        proc.stdout, proc.stderr = proc.communicate(timeout=60)
+    finally:
+        if proc.poll() is None:  # given up on: not left behind
+            proc.kill()
+            proc.communicate()
+    return Run(proc)
+
+
+def after(prefix, lines):
+    """The rest of every line that starts with prefix."""
+    return [line[len(prefix):] for line in lines if line.startswith(prefix)]
 
 
 def has_fail(lines, module, text):
-    pattern = fail_line(module, text)
+    """Whether one of lines is an internal failure line of the module."""
+    pattern = re.compile(r"^vondral\[%s\.cpp,\d+\]: %s$" % (re.escape(module), re.escape(text)))
     return any(pattern.match(line) for line in lines)
 
 
@@ -73,18 +124,13 @@ class Walk:
     """The include tree as the treewalk driver prints it."""
 
     def __init__(self, proc):
-        self.status = proc.returncode
-        self.err = proc.stderr
-        self.dirs = {}
-        self.files = []
-        self.summary = {}
+        self.status, self.err = proc.returncode, proc.stderr
+        self.dirs, self.files, self.summary = {}, [], {}
         for line in proc.stdout.splitlines():
+            path, _, rest = line[2:].rpartition(" size=")
             if line.startswith("D "):
-                path, _, rest = line[2:].rpartition(" size=")
-                fields = dict(f.split("=") for f in ("size=" + rest).split() if "=" in f)
-                self.dirs[path] = fields
+                self.dirs[path] = dict(f.split("=") for f in ("size=" + rest).split() if "=" in f)
             elif line.startswith("F "):
-                path, _, rest = line[2:].rpartition(" size=")
                 self.files.append(path)
             elif line.startswith("calls="):
                 self.summary = dict(f.split("=") for f in line.split())
