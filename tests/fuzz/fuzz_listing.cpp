@@ -8,11 +8,12 @@
 //
 // Besides the tree's invariants, listings of an ordinary directory without
 // an exclude file are compared entry by entry with a plain reading of the
-// same lines through strptime and sscanf: the parser reads the common forms
-// by hand for speed and must come to the same entries, sizes and times.
+// same lines through strptime and sscanf (tests/common/listing_reference.h,
+// which the unit tests use too): the parser reads the common forms by hand
+// for speed and must come to the same entries, sizes and times, every field
+// of the broken-down time included.
 #include <sys/stat.h>
 
-#include <cctype>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "../common/listing_reference.h"
 #include "backup.h"
 #include "fuzz_common.h"
 #include "vondral.h"
@@ -78,80 +80,17 @@ uint64_t CheckNode(const ObjectNode* dir) {
   return files;
 }
 
-// One entry as the plain reading expects it in the tree.
-struct Expected {
-  std::string name;
-  uint32_t mode;
-  uint64_t size;
-  struct tm mtime;
-};
+using Entry = listing_reference::Entry;
 
+// The entries the plain reading places, and the lines it cannot read.
 struct Reference {
-  std::vector<Expected> directories;
-  std::vector<Expected> files;
+  std::vector<Entry> directories;
+  std::vector<Entry> files;
   int errors = 0;
 };
 
-bool Blank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
-const char* Blanks(const char* p) {
-  while (*p && Blank(*p)) p++;
-  return p;
-}
-const char* Word(const char* p) {
-  while (*p && !Blank(*p)) p++;
-  return p;
-}
-
-// One listing line read with the library's scanners, the way a listing
-// line is defined: mode, three skipped fields, size, date, time or year,
-// name up to " -> " or the last character.
-bool ReadLine(const std::string& text, const struct tm& today, Expected* out) {
-  const char* line = text.c_str();
-  size_t length = strlen(line);
-  uint32_t mode = line[0] == 'd' ? S_IFDIR : S_IFREG;
-  static const struct {
-    size_t at;
-    char letter;
-    uint32_t bits;
-  } bits[] = {{1, 'r', 0400}, {2, 'w', 0200}, {3, 'x', 0100}, {3, 's', 04100},
-              {4, 'r', 0020}, {5, 'w', 0020}, {6, 'x', 0010}, {6, 's', 02010},
-              {7, 'r', 0002}, {8, 'w', 0002}, {9, 'x', 0001}, {9, 's', 01001}};
-  for (const auto& b : bits)
-    if (b.at < length && line[b.at] == b.letter) mode |= b.bits;
-  const char* p = line + (length < 10 ? length : 10);
-  for (int i = 0; i < 3; i++) p = Word(Blanks(p));
-  p = Blanks(p);
-  unsigned long long size = 0;
-  if (sscanf(p, "%llu", &size) != 1) size = 0;
-  p = Blanks(Word(p));
-  struct tm when = today;
-  when.tm_hour = when.tm_min = when.tm_sec = 0;
-  const char* after = strptime(p, "%b %d", &when);
-  if (!after) return false;
-  p = Blanks(after);
-  if (p[0] && p[1] && p[2] == ':') {
-    after = strptime(p, "%H:%M", &when);
-    if (!after) return false;
-    when.tm_year = today.tm_year - (when.tm_mon > today.tm_mon ? 1 : 0);
-  } else {
-    after = strptime(p, "%Y", &when);
-    if (!after) return false;
-  }
-  when.tm_isdst = -1;
-  const char* name = Blanks(after);
-  const char* end = line + length;
-  const char* arrow = strstr(name, " -> ");
-  const char* name_end = arrow ? arrow : (end > name ? end - 1 : name);
-  out->name = "/" + std::string(name, static_cast<size_t>(name_end - name));
-  if (out->name.size() >= PathBufferSize) return false;
-  out->mode = mode;
-  out->size = size;
-  out->mtime = when;
-  return true;
-}
-
 // Where a read entry ends up in an ordinary directory's listing.
-void Place(Reference* reference, Expected entry) {
+void Place(Reference* reference, Entry entry) {
   const std::string& name = entry.name;
   if (name == "/" || name == "/." || name == "/..") return;
   bool directory = S_ISDIR(entry.mode);
@@ -177,8 +116,8 @@ Reference ReadListing(const fuzz::Input& input, const int lengths[4], const stru
   std::string carry;
   bool overflow = false;
   auto take = [&](const std::string& line) {
-    Expected entry;
-    if (overflow || !ReadLine(line, today, &entry)) {
+    const Entry entry = overflow ? Entry{} : listing_reference::Read(line.c_str(), today);
+    if (!entry.ok) {
       reference.errors++;
       return;
     }
@@ -207,12 +146,6 @@ Reference ReadListing(const fuzz::Input& input, const int lengths[4], const stru
     }
   }
   return reference;
-}
-
-bool SameTime(const struct tm& a, const struct tm& b) {
-  return a.tm_year == b.tm_year && a.tm_mon == b.tm_mon && a.tm_mday == b.tm_mday &&
-         a.tm_hour == b.tm_hour && a.tm_min == b.tm_min && a.tm_sec == b.tm_sec &&
-         a.tm_isdst == b.tm_isdst;
 }
 
 }  // namespace
@@ -304,29 +237,32 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   struct tm after{};
   localtime_r(&clock, &after);
   // (A listing parsed across a change of month is not compared: the year of
-  // a recent entry depends on the month of the day it is read.)
-  bool same_month = before.tm_year == after.tm_year && before.tm_mon == after.tm_mon;
+  // a recent entry depends on the month of the day it is read. Nor one
+  // parsed across a change of daylight saving time, which every entry's
+  // time carries along from the day it is read.)
+  bool same_month = before.tm_year == after.tm_year && before.tm_mon == after.tm_mon &&
+                    before.tm_gmtoff == after.tm_gmtoff;
   if ((settings & 3) == 3 && !exclude && same_month) {
     Reference reference = ReadListing(input, lengths, before);
     FUZZ_CHECK(errors == reference.errors);
     size_t index = 0;
     for (const ObjectNode* child = listed->first_dir; child; child = child->next, index++) {
       FUZZ_CHECK(index < reference.directories.size());
-      const Expected& expected = reference.directories[index];
+      const Entry& expected = reference.directories[index];
       FUZZ_CHECK(expected.name == child->name);
       FUZZ_CHECK(expected.mode == child->mode);
       FUZZ_CHECK(expected.size == child->size);
-      FUZZ_CHECK(SameTime(expected.mtime, child->mtime));
+      FUZZ_CHECK(listing_reference::TimeDifference(expected.mtime, child->mtime) == nullptr);
     }
     FUZZ_CHECK(index == reference.directories.size());
     index = 0;
     for (const ObjectFile* file = listed->first_file; file; file = file->next, index++) {
       FUZZ_CHECK(index < reference.files.size());
-      const Expected& expected = reference.files[index];
+      const Entry& expected = reference.files[index];
       FUZZ_CHECK(expected.name == file->name);
       FUZZ_CHECK(expected.mode == file->mode);
       FUZZ_CHECK(expected.size == file->size);
-      FUZZ_CHECK(SameTime(expected.mtime, file->mtime));
+      FUZZ_CHECK(listing_reference::TimeDifference(expected.mtime, file->mtime) == nullptr);
     }
     FUZZ_CHECK(index == reference.files.size());
   }
