@@ -701,9 +701,19 @@ class SimHandler(FTPHandler):
         Ends when the client closes it or its control connection, sends
         another command, or the server stops.
         """
-        ctrl = self.socket
+        self._until_client_closes(conn, self.socket)
+
+    @staticmethod
+    def _until_client_closes(conn, ctrl=None, seconds=None):
+        """Discard what arrives on conn until the client closes it, the
+        control connection (when given) becomes readable, `seconds` pass,
+        or the server stops."""
+        deadline = None if seconds is None else time.monotonic() + seconds
+        watched = [conn] if ctrl is None else [conn, ctrl]
         while not STOP.is_set():
-            r, _, _ = select.select([conn, ctrl], [], [], POLL)
+            if deadline is not None and time.monotonic() >= deadline:
+                return
+            r, _, _ = select.select(watched, [], [], POLL)
             if conn in r:
                 try:
                     if not conn.recv(65536):
@@ -712,7 +722,7 @@ class SimHandler(FTPHandler):
                     pass
                 except OSError:
                     return
-            if ctrl in r:
+            if ctrl is not None and ctrl in r:
                 return
 
     def _await_client_close(self, conn):
@@ -729,17 +739,7 @@ class SimHandler(FTPHandler):
             conn.shutdown(socket.SHUT_WR)
         except OSError:
             return
-        deadline = time.monotonic() + 30
-        while not STOP.is_set() and time.monotonic() < deadline:
-            r, _, _ = select.select([conn], [], [], POLL)
-            if conn in r:
-                try:
-                    if not conn.recv(65536):
-                        return
-                except BlockingIOError:
-                    pass
-                except OSError:
-                    return
+        self._until_client_closes(conn, seconds=30)
 
     def _finish(self, ok_reply):
         """Close the data connection and give the final reply."""
