@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <atomic>
+#include <mutex>
 
 // ---------------------------------------------------------------------------
 // Object tree
@@ -168,9 +170,19 @@ constexpr int CtarBadChecksum = -1;  // checksum field unreadable or wrong
 constexpr int CtarBadSize = -2;      // size field unreadable
 
 // The reader's check of one header block. For an entry, stores the data
-// size and the name (cut at its first ".savf") when size / name are given.
+// size and the name (see CtarEntryName) when size / name are given.
 int ReadCtarHeader(const unsigned char block[CtarBlockSize], uint64_t* size, char* name,
                    size_t name_size);
+// The name an entry is restored under: the stored name, without the ".savf"
+// that a backup puts behind a whole directory's name (only there: at the
+// end of the name of an entry whose mode says directory). Always
+// terminated; cut to name_size.
+void CtarEntryName(const unsigned char block[CtarBlockSize], char* name, size_t name_size);
+// Whether a block can begin a CTAR archive: the end block of an empty one,
+// or an entry header with every field as a backup writes it. A tar file's
+// first header passes the checksum (tar and CTAR sum the same bytes when
+// they are all ASCII), yet it is no CTAR archive.
+bool CtarArchiveStart(const unsigned char block[CtarBlockSize]);
 
 // Bytes an entry's data occupies in the archive: size rounded up to blocks.
 uint64_t CtarPaddedSize(uint64_t size);
@@ -217,6 +229,9 @@ extern double ListBytes;
 // Cuts the chunk into lines and parses and places each complete one;
 // returns the number of lines that failed to parse.
 int ParseListingChunk(ListingContext* context, const char* data, int length);
+// Takes the listing's last line when the server ended it without a line
+// end; returns the number of lines that failed to parse (0 or 1).
+int FinishListing(ListingContext* context);
 // The DataCallback given to LIST: failed lines are counted in the context
 // and never abort the transfer.
 int ListingCallback(void* context, char* data, int* length);
@@ -246,7 +261,61 @@ struct ArchiveWriter {
   int64_t bytes;    // data bytes written for the current object; then its size
   uint64_t reserve_at;  // bytes at which file system space is next reserved ahead
   uint8_t reserved;     // space was reserved beyond the archive's end
+  uint8_t partial;      // the current object's save left objects behind
 };
+
+// Serialises appends to the archive: one retrieval at a time, from its RETR
+// until its entry is closed or cut back.
+extern std::mutex ArchiveLock;
+
+// Set when the archive could not be cut back after a failed retrieval: its
+// end is no longer known to be whole, so nothing more is appended and the
+// run fails.
+extern std::atomic<bool> ArchiveBroken;
+// Entries closed whole in this run's archive.
+extern std::atomic<uint64_t> ArchiveEntries;
+
+// One retrieval's hold on the archive. It takes ArchiveLock and finds the
+// archive's end (just behind its end block); unless Commit() is called, its
+// destructor cuts the archive back to that end, rewriting the old end block
+// when the entry's header had begun to replace it, so the archive is what it
+// was before the retrieval. The lock is released only after the cut-back,
+// on every way out, including the exception of a lost control connection.
+class ArchiveAppend {
+ public:
+  explicit ArchiveAppend(ArchiveWriter* writer);
+  ~ArchiveAppend();
+  ArchiveAppend(const ArchiveAppend&) = delete;
+  ArchiveAppend& operator=(const ArchiveAppend&) = delete;
+  // false when the archive's end could not be found or the archive is broken.
+  bool Usable() const { return start_ >= 0; }
+  ArchiveWriter* Writer() const { return writer_; }
+  // Offset of the archive's end: the entry's data begins here.
+  int64_t Start() const { return start_; }
+  // The header is about to be written over the old end block.
+  void TouchEndBlock() { end_block_touched_ = true; }
+  // The entry is whole: nothing is cut back.
+  void Commit();
+
+ private:
+  std::unique_lock<std::mutex> hold_;
+  ArchiveWriter* writer_;
+  int64_t start_ = -1;
+  bool end_block_touched_ = false;
+  bool committed_ = false;
+};
+
+// The archive a backup writes is made under a temporary name beside the
+// final one and renamed onto it only when the run ends with a whole
+// archive, so an existing archive of that name is never harmed by a run
+// that fails or dies. The path must be a regular file or a new name.
+// 0, or -1 after a message (nothing made).
+int PrepareArchiveFile(const char* path);
+// Flushes the archive to disk and gives it its final name. 0, or -1 after a
+// message (the temporary file is then removed).
+int CommitArchiveFile();
+// Removes the temporary file of a run that failed. Harmless without one.
+void DiscardArchiveFile();
 
 // Receive-direction DataCallback of RETR: writes whole 512-byte blocks at
 // the archive's end, straight from the transfer buffer where it can; keeps
@@ -268,6 +337,7 @@ struct BackupTotals {
   double wait_seconds;
   double transfer_seconds;
   uint64_t bytes;
+  uint64_t partial;  // objects saved with some of their contents left behind
 };
 
 // Saves one object with the member of the save family its path calls for
@@ -277,6 +347,9 @@ int ProcessObject(FtpSession* session, ObjectFile* object, int number, ArchiveWr
 
 // Objects placed into the per-kind trees.
 extern uint64_t ObjectsFound;
+// Include paths that brought nothing to save (nothing matched, or the path
+// was unusable): each counts as one failed object.
+extern uint64_t IncludesMissed;
 // The archive descriptor shared by the workers.
 extern int ArchiveDescriptor;
 

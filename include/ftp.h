@@ -90,15 +90,6 @@ void PassPointOfNoReturn(FtpSession* session);
 int EnsureParameter(FtpSession* session, int* field, int wanted, const char* command,
                     const char* label);
 
-// Serialises appends to the archive. The holder mark lets checkpoint
-// recovery release the lock when the holding thread's transfer breaks.
-extern std::mutex ArchiveLock;
-extern std::mutex ArchiveLockGuard;
-void TakeArchiveLock();
-// Releases the lock if the calling thread holds it; harmless otherwise.
-void ReleaseArchiveLockIfHeld();
-bool ArchiveLockHeldByMe();
-
 struct ObjectNode;
 
 // Lists one server path with LIST, after making sure the session's transfer
@@ -149,7 +140,9 @@ int SAVCFG(FtpSession* session, ObjectFile* object, int number, TransferStats* s
 // Fetches the save file with RETR and appends it as one entry to the
 // archive, under ArchiveLock. `checkpoint` is the caller's outer checkpoint
 // flags, put back after the RETR; `locked` receives the moment the lock was
-// held. 0, or -1 (the entry is completed from whatever arrived).
+// held. 0 when the entry is whole in the archive; otherwise -1, and the
+// archive is as it was before (also when a broken connection aborts the
+// retrieval on its way back to the caller's checkpoint).
 int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* object, const char* savf_path,
                       struct timeval* locked, DataCallback callback, ArchiveWriter* writer);
 

@@ -27,10 +27,16 @@ EntryKind EntryKindOf(const char* name);
 // restored once at the end when there were any.
 extern int RestoredProfiles;
 
-// The restore run mode over the archive named by --restore ("-" is standard
-// input). 0 when the last entry was restored or skipped and nothing fatal
-// happened, -1 otherwise. After a termination request it ends the process
-// with status 143 once the current entry is done.
+// Opens the archive named by --restore ("-" is standard input) and checks
+// that its first block begins a CTAR archive, before anything is sent to
+// the server; the block is kept for RestoreArchive. 0, or -1 after a
+// message.
+int PrepareRestore();
+// The restore run mode: 0 when every selected entry was restored, 1 when
+// the archive was read to its end block and some entry failed (or entries
+// lie hidden behind the end block), -1 for a fatal error (unreadable, not
+// CTAR, a bad header, cut short). After a termination request it ends the
+// process with TerminationStatus() once the current entry is done.
 int RestoreArchive(FtpSession* session);
 
 // The send-direction DataCallback of STOR. Reads whole 512-byte blocks (the

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <mutex>
 
+#include <sys/types.h>
+
 // Name the program was started under; every message starts with it.
 extern const char* ProgramName;
 
@@ -47,6 +49,13 @@ size_t CopyBounded(char* dst, size_t cap, const char* src);
 size_t AppendBounded(char* dst, size_t cap, const char* src);
 // snprintf into dst; returns the length the full text would have had.
 [[gnu::format(printf, 3, 4)]] int FormatBounded(char* dst, size_t cap, const char* format, ...);
+
+// Writes all of length bytes, going on after a signal and after a short
+// write. Gives length; fewer when the file took no more (errno ENOSPC); -1
+// when a write failed (errno set), whatever went out before.
+ssize_t WriteFull(int descriptor, const void* data, size_t length);
+// The same at an offset, leaving the file position alone.
+ssize_t PwriteFull(int descriptor, const void* data, size_t length, int64_t offset);
 
 // Decimal and binary scaling of byte counts for report lines. The two rules
 // differ on purpose: per-object lines step by 1000 above 2000 ("K", "M",

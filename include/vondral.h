@@ -41,9 +41,34 @@ extern RunSettings Settings;
 extern int StderrIsTerminal;
 extern int PageSize;
 
-// Set (bit 0) by the signal thread when SIGTERM arrives; honoured at the
-// drivers' safe points.
+// Termination requests: SIGTERM, SIGINT and SIGHUP. The first one sets
+// TerminationRequested to its signal number; the drivers stop at their safe
+// points and the run ends with TerminationStatus(). A second one ends the
+// process at once.
 extern std::atomic<int> TerminationRequested;
+// 128 plus the number of the signal that asked for termination.
+int TerminationStatus();
+// Records a termination request as the signal thread does (tests call it
+// too): the flag, the moment, and a wake-up for every waiting poll.
+void RequestTermination(int signal_number);
+// Readable once a termination request came: waits poll it beside their
+// sockets so that a request ends them at once. -1 before StartSignalThread.
+int TerminationWakeDescriptor();
+
+// After a termination request the program goes on for a short grace only:
+// the data of a transfer that is flowing is taken to its end, and every
+// other wait (a reply, a connection, the final reply after a transfer) ends
+// at most this long after the request or after the end of the calling
+// thread's last transfer, whichever is later. No new command is sent once
+// the grace is over.
+constexpr int TerminationGraceMs = 5000;
+// Milliseconds left of that grace: -1 while no request came (no limit), 0
+// once it is over.
+int TerminationMsLeft();
+// The calling thread's data transfer has just ended with all its data.
+void NoteTransferEnded();
+// Milliseconds of a monotonic clock.
+int64_t MonotonicMs();
 
 // The whole program: returns the process exit status.
 int VondralMain(int argc, char** argv);
@@ -60,6 +85,15 @@ void BuildShortOptions(char* out, size_t capacity);
 // Parses "username:where:key" into Settings.user and Settings.passphrase.
 int ReadCredentials(const char* argument);
 
+// Lines of include and exclude files are read with a buffer of this size.
+constexpr size_t PathLineSize = 4096;
+// The next line of a path file that names something, without its line end
+// (and a CR before it); empty lines and lines starting with "#" are skipped.
+// false at the end of the file.
+bool ReadPathLine(FILE* stream, char* line, size_t capacity);
+// Checks every line of a path file; reports each bad one. 0 or -1.
+int CheckPathFile(FILE* stream, const char* path);
+
 // Tests a server path against an include or exclude file (see vondral.cpp).
 struct StringList;
 int MatchPathFile(const char* path, StringList* list, FILE* stream);
@@ -74,5 +108,9 @@ struct ListPrinterContext {
   const char* include_path;
   int pending_length;
   char pending[4097];
+  bool after_line_end;  // the last chunk ended inside a line end
 };
 int ListPrinter(void* context, char* data, int* count);
+// Prints the listing's last line when the server ended it without a line
+// end. 0, or -1 when its path is too long.
+int FinishListPrinter(ListPrinterContext* context);

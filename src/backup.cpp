@@ -17,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <string>
 #include <vector>
 
 #include "ftp.h"
@@ -601,14 +602,30 @@ int ReadCtarHeader(const unsigned char block[CtarBlockSize], uint64_t* size, cha
   }
   if (size) *size = data_size;
 
-  if (name) {
-    char full[CtarBlockSize];
-    ReadCtarName(full, sizeof full, block);
-    char* suffix = strstr(full, CtarDirectorySuffix);
-    if (suffix) *suffix = '\0';
-    CopyBounded(name, name_size, full);
-  }
+  if (name) CtarEntryName(block, name, name_size);
   return CtarEntry;
+}
+
+void CtarEntryName(const unsigned char block[CtarBlockSize], char* name, size_t name_size) {
+  char full[CtarBlockSize];
+  ReadCtarName(full, sizeof full, block);
+  // The suffix is the backup's own mark of a whole directory: it goes only
+  // where the backup put it. A file that is itself called "PTF.savf" keeps
+  // its name.
+  FieldText mode_text(block, ModeField, 8);
+  char* stop = nullptr;
+  const unsigned long mode = strtoul(mode_text.text, &stop, 8);
+  const size_t length = strlen(full);
+  const size_t suffix = strlen(CtarDirectorySuffix);
+  if (stop != mode_text.text && (mode & DirectoryBit) && length >= suffix &&
+      strcmp(full + length - suffix, CtarDirectorySuffix) == 0)
+    full[length - suffix] = '\0';
+  CopyBounded(name, name_size, full);
+}
+
+bool CtarArchiveStart(const unsigned char block[CtarBlockSize]) {
+  const int judged = ReadCtarHeader(block, nullptr, nullptr, 0);
+  return judged == CtarEnd || (judged == CtarEntry && !CtarHeaderOddity(block));
 }
 
 uint64_t CtarPaddedSize(uint64_t size) {
@@ -1021,6 +1038,24 @@ int ParseListingChunk(ListingContext* context, const char* data, int length) {
   return errors;
 }
 
+int FinishListing(ListingContext* context) {
+  // A server may end its listing without a line end after the last line;
+  // that line names an object like any other. It is parsed as if its CR
+  // LF had come.
+  const size_t held = strlen(context->carry);
+  if (held == 0 && !context->carry_overflow) return 0;
+  if (!context->carry_overflow && context->carry[held - 1] != '\r') {
+    if (held + 1 > CarryLimit)
+      context->carry_overflow = true;
+    else
+      CopyBounded(context->carry + held, sizeof context->carry - held, "\r");
+  }
+  int errors = TakeListingLine(context);
+  context->carry[0] = '\0';
+  context->carry_overflow = false;
+  return errors;
+}
+
 int ListingCallback(void* argument, char* data, int* length) {
   auto* context = static_cast<ListingContext*>(argument);
   if (!context) {
@@ -1046,13 +1081,16 @@ int WalkDirectory(FtpSession* session, ObjectNode* dir, char* path, ListingConte
     VFAIL("list failed\n%s\n", path);
     return -1;
   }
-  int sum = context->errors;
+  int sum = context->errors + FinishListing(context);
   if (sum > 0) {
     VFAIL("%d parse errors in directory %s\n", sum, path);
     ParseErrors += static_cast<uint64_t>(sum);
   }
   if (!dir->name) return sum;  // kept whole as one object of its parent
   for (ObjectNode* child = dir->first_dir; child; child = child->next) {
+    // A run that is ending lists nothing more: a tree without end must not
+    // hold it.
+    if (TerminationRequested.load()) break;
     // A library (or anything in one) that already holds changed objects is
     // saved whole: no need to search it further.
     if (Settings.cutoff_flag && dir->count != 0 &&
@@ -1082,7 +1120,7 @@ ObjectNode* BuildIncludeList(FtpSession* session) {
 
   if (!Settings.include) {
     CopyBounded(line, PathBufferSize, "/");
-  } else if (!fgets(line, PathBufferSize, Settings.include)) {
+  } else if (!ReadPathLine(Settings.include, line, PathBufferSize)) {
     LogMessageTo(stderr, "%s[%s:%d] : Error reading from include stream\n", ProgramName,
                  __FILE_NAME__, __LINE__);
     FreeTree(root);
@@ -1099,6 +1137,7 @@ ObjectNode* BuildIncludeList(FtpSession* session) {
     } else if (!strchr(include, '/')) {
       VFAIL("Invalid object: %s\n", include);
       if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s\n", include);
+      IncludesMissed++;
     } else {
       char* last = strrchr(line, '/');
       if (last == line)
@@ -1107,6 +1146,8 @@ ObjectNode* BuildIncludeList(FtpSession* session) {
         *last = '\0';
       if (strpbrk(line, "*?")) {
         VFAIL("wild card error: %s\n", include);
+        if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s\n", include);
+        IncludesMissed++;
       } else {
         context->directory = root;
         context->found = 0;
@@ -1118,17 +1159,21 @@ ObjectNode* BuildIncludeList(FtpSession* session) {
           FreeTree(root);
           return nullptr;
         }
+        context->errors += FinishListing(context);
         if (!context->found) {
           LogMessage("Object not found: %s\n", include);
           if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s\n", include);
+          IncludesMissed++;
         }
       }
     }
-    if (!Settings.include || !fgets(line, PathBufferSize, Settings.include)) break;
+    if (TerminationRequested.load()) break;
+    if (!Settings.include || !ReadPathLine(Settings.include, line, PathBufferSize)) break;
   }
   RenameNode(root, "");
   line[0] = '\0';
   for (ObjectNode* child = root->first_dir; child; child = child->next) {
+    if (TerminationRequested.load()) break;
     WalkDirectory(session, child, line, context);
     line[0] = '\0';
   }
@@ -1138,6 +1183,10 @@ ObjectNode* BuildIncludeList(FtpSession* session) {
 // ---------------------------------------------------------------------------
 // Archive writing
 // ---------------------------------------------------------------------------
+
+std::mutex ArchiveLock;
+std::atomic<bool> ArchiveBroken{false};
+std::atomic<uint64_t> ArchiveEntries{0};
 
 namespace {
 
@@ -1178,6 +1227,41 @@ void ReleaseReservedSpace(int descriptor) {
 
 }  // namespace
 
+ArchiveAppend::ArchiveAppend(ArchiveWriter* writer) : hold_(ArchiveLock), writer_(writer) {
+  if (ArchiveBroken) {
+    VFAIL("the archive is broken: nothing more is appended\n");
+    return;
+  }
+  // The archive ends with its end block; the entry's data goes behind it,
+  // and the header replaces it once the entry is whole.
+  start_ = lseek64(writer->descriptor, 0, SEEK_END);
+  if (start_ < 0) VFAIL("lseek(): %s\n", strerror(errno));
+}
+
+void ArchiveAppend::Commit() {
+  committed_ = true;
+  ArchiveEntries++;
+}
+
+ArchiveAppend::~ArchiveAppend() {
+  if (start_ >= 0 && !committed_) {
+    bool whole = TruncateArchive(writer_->descriptor, start_) == 0;
+    if (whole && end_block_touched_ && start_ >= static_cast<int64_t>(CtarBlockSize)) {
+      // The header may have gone out in part: the old end block comes back.
+      unsigned char block[CtarBlockSize];
+      whole = PwriteFull(writer_->descriptor, BuildCtarSentinel(block), CtarBlockSize,
+                         start_ - static_cast<int64_t>(CtarBlockSize)) == static_cast<ssize_t>(CtarBlockSize);
+      if (!whole) VFAIL("write(): %s\n", strerror(errno));
+    }
+    if (!whole) {
+      VFAIL("the archive could not be cut back: nothing more is appended\n");
+      ArchiveBroken = true;
+    }
+  }
+  writer_->pending = 0;
+  ReleaseArchiveReserve(writer_);
+}
+
 void ReleaseArchiveReserve(ArchiveWriter* writer) {
   if (!writer || !writer->reserved) return;
   writer->reserved = 0;
@@ -1208,15 +1292,16 @@ int ArchiveWriteCallback(void* argument, char* buffer, int* count) {
         writer->calls++;
         return *count > 0;
       }
-      ssize_t written = write(writer->descriptor, writer->block, block_size);
+      ssize_t written = WriteFull(writer->descriptor, writer->block, block_size);
       if (written != static_cast<ssize_t>(block_size)) {
-        // The block is lost; the entry will be cut back or end short.
+        // The block is lost: the transfer ends here and the entry is cut
+        // back, never closed with a hole in it.
         if (written < 0)
           VFAIL("write(): %s\n", strerror(errno));
         else
           VFAIL("write(,, %d) = %d\n", static_cast<int>(block_size), static_cast<int>(written));
         writer->calls++;
-        return *count > 0;
+        return 1;
       }
       writer->bytes += static_cast<int64_t>(block_size);
       writer->pending = 0;
@@ -1231,14 +1316,16 @@ int ArchiveWriteCallback(void* argument, char* buffer, int* count) {
     // Whole blocks go out straight from the transfer buffer in one write.
     size_t whole = static_cast<size_t>(*count) / block_size * block_size;
     ReserveAhead(writer);
-    ssize_t written = write(writer->descriptor, at, whole);
+    ssize_t written = WriteFull(writer->descriptor, at, whole);
     if (written < 0) {
       VFAIL("write(, 0x%X, %d): %s\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(at)),
             static_cast<int>(written), strerror(errno));
       writer->calls++;
       return 1;
     }
-    if (written == 0) {
+    if (written < static_cast<ssize_t>(whole)) {
+      // The file took no more: the entry cannot be completed.
+      VFAIL("write(,, %d) = %d\n", static_cast<int>(whole), static_cast<int>(written));
       writer->calls++;
       return 1;
     }
@@ -1269,6 +1356,7 @@ int TruncateArchive(int descriptor, int64_t offset) {
 // ---------------------------------------------------------------------------
 
 uint64_t ObjectsFound = 0;
+uint64_t IncludesMissed = 0;
 int ArchiveDescriptor = -1;
 
 namespace {
@@ -1348,6 +1436,7 @@ void CollectWorker(pthread_t thread, int index, ObjectNode* tree, BackupTotals* 
   sum->wait_seconds += totals->wait_seconds;
   sum->transfer_seconds += totals->transfer_seconds;
   sum->bytes += totals->bytes;
+  sum->partial += totals->partial;
   delete totals;
 }
 
@@ -1359,6 +1448,7 @@ int ProcessObject(FtpSession* session, ObjectFile* object, int number, ArchiveWr
   writer->pending = 0;
   writer->calls = 0;
   writer->bytes = 0;
+  writer->partial = 0;
   int (*save)(FtpSession*, ObjectFile*, int, TransferStats*, DataCallback, void*) = SAV;
   const char* name = object->name;
   if (strcmp(name, "/QDLS") == 0)
@@ -1369,11 +1459,11 @@ int ProcessObject(FtpSession* session, ObjectFile* object, int number, ArchiveWr
     save = SAVSECDTA;
   else if (strncmp(name, "/QSYS.LIB/", 10) == 0)
     save = SAVLIB;
-  // A name that cannot stand in an entry header at all would stop the
-  // process when the entry is closed; failing this one object instead keeps
-  // the rest of a night's backup.
+  // A name the entry header cannot hold whole would be stored cut, and two
+  // objects could then share one entry name: the object fails instead,
+  // before anything is saved, and the rest of the night's backup goes on.
   size_t stored = strlen(name) + (S_ISDIR(object->mode) ? strlen(CtarDirectorySuffix) : 0);
-  bool fits = stored < CtarBlockSize;
+  bool fits = stored <= CtarMaxName;
   if (!fits) VFAIL("path too long\n");
   TransferStats stats{};
   if (!fits || save(session, object, number, &stats, ArchiveWriteCallback, writer) != 0) {
@@ -1383,6 +1473,7 @@ int ProcessObject(FtpSession* session, ObjectFile* object, int number, ArchiveWr
     return 1;
   }
   LogMessage("Backup Success: %s\n", object->name);
+  if (writer->partial) totals->partial++;
   totals->save_seconds += stats.save_seconds;
   totals->wait_seconds += stats.wait_seconds;
   totals->transfer_seconds += stats.transfer_seconds;
@@ -1493,20 +1584,22 @@ int SaveBlock(FtpSession* session, ObjectNode* tree, int number, BackupTotals* t
   }
   totals->attempted = 0;
   totals->failed = 0;
-  for (ObjectNode* dir = tree->first_dir; dir; dir = dir->next) {
+  // A termination request ends the block before its next object.
+  for (ObjectNode* dir = tree->first_dir; dir && !TerminationRequested.load(); dir = dir->next) {
     totals->attempted += dir->count;
     ObjectFile* unit = NewFileNode(nullptr, dir->name, dir->mode, 0, dir->mtime);
     if (unit && ProcessObject(session, unit, number, writer.get(), totals) == 0) {
       if (Settings.catalog) DumpTree(Settings.catalog, dir, true);
     } else {
-      // Kept as it always was: a failed directory sets the count, it does
-      // not add to it.
-      totals->failed = dir->count;
+      // Failures add up. A directory with no files in it is still one
+      // object that was not saved.
+      totals->failed += dir->count > 0 ? dir->count : 1;
+      if (dir->count == 0) totals->attempted++;
     }
     if (unit) FreeFileList(unit);
     totals->bytes += static_cast<uint64_t>(writer->bytes > 0 ? writer->bytes : 0);
   }
-  for (ObjectFile* file = tree->first_file; file; file = file->next) {
+  for (ObjectFile* file = tree->first_file; file && !TerminationRequested.load(); file = file->next) {
     totals->attempted++;
     if (ProcessObject(session, file, number, writer.get(), totals) == 0) {
       if (Settings.catalog) PrintFilePath(Settings.catalog, file);
@@ -1518,6 +1611,144 @@ int SaveBlock(FtpSession* session, ObjectNode* tree, int number, BackupTotals* t
   return 0;
 }
 
+// ---------------------------------------------------------------------------
+// The archive file: made under a temporary name, renamed when whole
+// ---------------------------------------------------------------------------
+
+namespace {
+
+struct ArchiveFileState {
+  std::string final_path;  // where the archive goes once whole
+  std::string temp_path;   // where it is written meanwhile; empty when none
+};
+ArchiveFileState ArchiveFile;
+
+// What a path is when it is not a regular file, for the refusal.
+const char* FileKind(mode_t mode) {
+  if (S_ISDIR(mode)) return "a directory";
+  if (S_ISFIFO(mode)) return "a pipe";
+  if (S_ISCHR(mode)) return "a character device";
+  if (S_ISBLK(mode)) return "a block device";
+  if (S_ISSOCK(mode)) return "a socket";
+  return "not a regular file";
+}
+
+// The directory a path lies in ("." for a bare name).
+std::string DirectoryOf(const std::string& path) {
+  size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+}  // namespace
+
+int PrepareArchiveFile(const char* path) {
+  DiscardArchiveFile();
+  std::string final_path = path;
+  struct stat st{};
+  if (lstat(path, &st) == 0) {
+    if (S_ISLNK(st.st_mode)) {
+      // A link to an archive: the file it names is replaced, the link stays.
+      char* target = realpath(path, nullptr);
+      if (!target || stat(target, &st) != 0) {
+        LogMessageTo(stderr, "%s: --backup %s: a symbolic link that leads nowhere\n", ProgramName, path);
+        free(target);
+        return -1;
+      }
+      final_path = target;
+      free(target);
+    }
+    if (!S_ISREG(st.st_mode)) {
+      LogMessageTo(stderr, "%s: --backup %s: is %s; an archive must be a regular file or a new path\n",
+                   ProgramName, path, FileKind(st.st_mode));
+      return -1;
+    }
+  } else if (errno != ENOENT) {
+    LogMessageTo(stderr, "%s: --backup %s: %s\n", ProgramName, path, strerror(errno));
+    return -1;
+  }
+  // Created exclusively, so that no other file is ever written through a
+  // name someone else made; a second run beside this one gets its own.
+  std::string temp = final_path + ".partial";
+  int descriptor = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (descriptor < 0 && errno == EEXIST) {
+    std::string pattern = final_path + ".partial.XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    descriptor = mkostemp(name.data(), O_CLOEXEC);
+    if (descriptor >= 0) temp = name.data();
+  }
+  if (descriptor < 0) {
+    VFAIL("open(%s): %s\n", temp.c_str(), strerror(errno));
+    return -1;
+  }
+  ArchiveFile.final_path = final_path;
+  ArchiveFile.temp_path = temp;
+  ArchiveDescriptor = descriptor;
+  ArchiveBroken = false;
+  return 0;
+}
+
+int CommitArchiveFile() {
+  if (ArchiveFile.temp_path.empty()) return 0;
+  const char* temp = ArchiveFile.temp_path.c_str();
+  const char* target = ArchiveFile.final_path.c_str();
+  if (fdatasync(ArchiveDescriptor) != 0) {
+    VFAIL("fdatasync(%s): %s\n", temp, strerror(errno));
+    DiscardArchiveFile();
+    return -1;
+  }
+  if (rename(temp, target) != 0) {
+    VFAIL("rename(%s, %s): %s\n", temp, target, strerror(errno));
+    DiscardArchiveFile();
+    return -1;
+  }
+  ArchiveFile.temp_path.clear();
+  close(ArchiveDescriptor);
+  ArchiveDescriptor = -1;
+  // The new name itself must reach the disk, or a crash could bring the
+  // old archive back.
+  std::string directory = DirectoryOf(ArchiveFile.final_path);
+  int dir = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dir < 0 || fsync(dir) != 0) {
+    VFAIL("fsync(%s): %s\n", directory.c_str(), strerror(errno));
+    if (dir >= 0) close(dir);
+    return -1;
+  }
+  close(dir);
+  return 0;
+}
+
+void DiscardArchiveFile() {
+  if (ArchiveFile.temp_path.empty()) return;
+  if (ArchiveDescriptor >= 0) close(ArchiveDescriptor);
+  ArchiveDescriptor = -1;
+  unlink(ArchiveFile.temp_path.c_str());
+  ArchiveFile.temp_path.clear();
+}
+
+namespace {
+
+// Ends a backup that a termination request stopped: the entries written so
+// far are whole, so the archive is put in place like any other, and the
+// status says which signal ended the run.
+//
+// A terminated run whose archive holds no entry at all keeps the temporary
+// file out of the way instead: an empty archive would replace an existing
+// one with nothing, and nothing is lost by not making it.
+[[noreturn]] void EndTerminatedBackup() {
+  VFAIL("Backup Terminated Cleanly\n");
+  int status = TerminationStatus();
+  if (ArchiveBroken || ArchiveEntries.load() == 0)
+    DiscardArchiveFile();
+  else if (CommitArchiveFile() != 0)
+    status = 255;
+  exit(status);
+}
+
+}  // namespace
+
 int BackupDriver(FtpSession* session) {
   BackupTotals sum{};
   const int kind_count = ObjectKindCount();
@@ -1525,35 +1756,43 @@ int BackupDriver(FtpSession* session) {
   std::vector<bool> started(static_cast<size_t>(kind_count), false);
   const double t0 = Now();
 
-  int descriptor = open(Settings.backup_path, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  if (descriptor < 0) {
-    VFAIL("open(%s): %s\n", Settings.backup_path, strerror(errno));
-    return -1;
-  }
-  ArchiveDescriptor = descriptor;
+  // Normally made before the login, so that a bad path is refused before
+  // anything reaches the server.
+  if (ArchiveDescriptor < 0 && PrepareArchiveFile(Settings.backup_path) != 0) return -1;
+  const int descriptor = ArchiveDescriptor;
   LogMessage("Building Object Lists\n");
   ObjectNode* include_tree = BuildIncludeList(session);
   if (!include_tree) {
     VFAIL("BuildIncludeList failed\n");
+    DiscardArchiveFile();
     return -1;
   }
   LogMessage("Building Block Lists\n");
   ObjectNode** kinds = BuildBackupList(include_tree);
   if (!kinds) {
     VFAIL("BuildBackupList failed\n");
+    DiscardArchiveFile();
     return -1;
   }
   const double t1 = Now();
-  // The archive is valid, and empty, before any entry is appended.
+  // The archive is valid, and empty, before any entry is appended. Without
+  // its end block no entry could ever be closed: the run stops here.
   unsigned char sentinel[CtarBlockSize];
-  if (write(descriptor, BuildCtarSentinel(sentinel), CtarBlockSize) != static_cast<ssize_t>(CtarBlockSize))
+  if (WriteFull(descriptor, BuildCtarSentinel(sentinel), CtarBlockSize) != static_cast<ssize_t>(CtarBlockSize)) {
     VFAIL("CTAR sentinel failed write(): %s\n", strerror(errno));
+    FreeBackupList(kinds);
+    FreeTree(include_tree);
+    DiscardArchiveFile();
+    return -1;
+  }
+  if (TerminationRequested.load()) EndTerminatedBackup();
 
   // Security data and configuration run alone and first; the other kinds
   // then run side by side, or one after another without threading.
   for (int i = 0; i < kind_count; i++) {
     ObjectNode* tree = kinds[i];
     if (!tree || tree->count == 0) continue;
+    if (TerminationRequested.load()) break;  // no new worker for a run that is ending
     auto* argument = new (std::nothrow) WorkerArgument{static_cast<uint32_t>(i), tree};
     if (!argument) {
       VFAIL("Failed to allocate argument structure for thread %d\n", i);
@@ -1581,11 +1820,11 @@ int BackupDriver(FtpSession* session) {
   // A transfer broken by a lost connection may have left space reserved.
   if (ArchiveSpaceReserved) ReleaseReservedSpace(descriptor);
 
-  if (TerminationRequested.load()) {
-    VFAIL("Backup Terminated Cleanly\n");
-    exit(143);
-  }
+  if (TerminationRequested.load()) EndTerminatedBackup();
   const double t2 = Now();
+  // What the include file named but could not be found counts as failed.
+  sum.attempted += IncludesMissed;
+  sum.failed += IncludesMissed;
   LogMessage("** Backup Complete\n");
   char unit;
   if (ListBytes > 0) {
@@ -1606,15 +1845,22 @@ int BackupDriver(FtpSession* session) {
     LogMessage("** Total Xfer Time: %.3f s\n", sum.transfer_seconds);
     LogMessage("** Total Objects Attempted: %d\n", static_cast<int>(sum.attempted));
     LogMessage("** Total Objects Failed   : %d\n", static_cast<int>(sum.failed));
+    if (sum.partial > 0) LogMessage("** Total Objects Partial  : %d\n", static_cast<int>(sum.partial));
     uint64_t bad = ParseErrors + sum.failed;
     if (bad * 100 / (ParseErrors + sum.attempted) > 9)
       status = 2;
-    else if (bad != 0)
+    else if (bad != 0 || sum.partial != 0)
       status = 1;
   } else {
     LogMessage("** No objects attempted\n");
   }
   FreeBackupList(kinds);
   FreeTree(include_tree);
+  if (ArchiveBroken) {
+    VFAIL("the archive is not whole: it is not kept\n");
+    DiscardArchiveFile();
+    return -1;
+  }
+  if (CommitArchiveFile() != 0) return -1;
   return status;
 }

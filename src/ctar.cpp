@@ -474,9 +474,7 @@ void PrintJsonEntry(FILE* out, const EntryView& view, bool first) {
 // empty one, or an entry header as a backup writes it. A tar archive starts
 // with a header whose checksum a restore would accept (tar and CTAR sum the
 // same bytes when they are all ASCII), yet it is no CTAR archive.
-bool LooksLikeArchiveStart(int judged, const unsigned char* block) {
-  return judged == CtarEnd || (judged == CtarEntry && !CtarHeaderOddity(block));
-}
+bool LooksLikeArchiveStart(int, const unsigned char* block) { return CtarArchiveStart(block); }
 
 // The data of one entry, taken by the sequential reader: skipped, or copied
 // to out (a descriptor; -1 skips). Reports what went wrong.

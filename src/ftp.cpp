@@ -15,14 +15,8 @@
 #include "vondral.h"
 
 std::atomic<int> ServerRelease{0};
-std::mutex ArchiveLock;
-std::mutex ArchiveLockGuard;
 
 namespace {
-
-// Holder mark of ArchiveLock, guarded by ArchiveLockGuard.
-int ArchiveLockHeld = 0;
-pthread_t ArchiveLockHolder;
 
 constexpr int ShortReplySize = 128;
 
@@ -142,7 +136,10 @@ int Login(FtpSession* session, const char* user, const char* password) {
 
 int Quit(FtpSession* session) {
   if (!IsSession(session)) return -1;
-  if (SendCommand(session->control, "QUIT", nullptr, 0, nullptr, nullptr, nullptr) != 0)
+  // Once a termination request's grace is over nothing more is said to the
+  // server: the session is simply closed.
+  if (TerminationMsLeft() != 0 &&
+      SendCommand(session->control, "QUIT", nullptr, 0, nullptr, nullptr, nullptr) != 0)
     VFAIL("QUIT command failed\n");
   int result = CloseConnection(session->control);
   free(session->user);
@@ -186,9 +183,8 @@ int AbortToCheckpoint(FtpSession* session) {
     VFAIL("jump buffer invalid\n");
     return -1;
   }
-  // A retrieval broken in the middle must not keep other workers from the
-  // archive.
-  ReleaseArchiveLockIfHeld();
+  // Whatever the frames in between hold (the archive lock of a retrieval,
+  // with its cut-back) is given back by their guards as the abort passes.
   throw CheckpointAbort{session};
 }
 
@@ -224,6 +220,13 @@ int RunProtectedOperation(FtpSession* session, int (*body)(void*), void* argumen
     } catch (const CheckpointAbort& abort) {
       if (abort.session != session) throw;
     }
+    // A run that is ending does not open new connections: the operation
+    // fails here, its guards have already undone what it began.
+    if (TerminationRequested.load() != 0) {
+      VFAIL("termination requested: not recovering\n");
+      session->checkpoint_flags = outer;
+      return -1;
+    }
     // Back through the checkpoint. The body is no longer running, so a
     // failure during recovery fails the recovery instead of aborting again.
     if (RecoverCheckpoint(session) != 0) {
@@ -250,26 +253,6 @@ int EnsureParameter(FtpSession* session, int* field, int wanted, const char* com
   }
   *field = wanted;
   return 0;
-}
-
-void TakeArchiveLock() {
-  ArchiveLock.lock();
-  std::lock_guard<std::mutex> guard(ArchiveLockGuard);
-  ArchiveLockHeld = 1;
-  ArchiveLockHolder = pthread_self();
-}
-
-void ReleaseArchiveLockIfHeld() {
-  std::lock_guard<std::mutex> guard(ArchiveLockGuard);
-  if (ArchiveLockHeld == 1 && pthread_equal(ArchiveLockHolder, pthread_self())) {
-    ArchiveLockHeld = 0;
-    ArchiveLock.unlock();
-  }
-}
-
-bool ArchiveLockHeldByMe() {
-  std::lock_guard<std::mutex> guard(ArchiveLockGuard);
-  return ArchiveLockHeld == 1 && pthread_equal(ArchiveLockHolder, pthread_self());
 }
 
 int ListDirectory(FtpSession* session, const char* path, DataCallback callback, void* context,
@@ -355,14 +338,47 @@ double Elapsed(const struct timeval& from, const struct timeval& to) {
          static_cast<double>(to.tv_usec - from.tv_usec) / 1000000;
 }
 
-bool WriteBlock(int descriptor, const unsigned char* block) {
-  ssize_t written = write(descriptor, block, CtarBlockSize);
-  if (written == static_cast<ssize_t>(CtarBlockSize)) return true;
-  if (written < 0)
-    VFAIL("write(): %s\n", strerror(errno));
-  else
-    VFAIL("write(,, %d) = %d\n", static_cast<int>(CtarBlockSize), static_cast<int>(written));
-  return false;
+// Closes the entry whose data the retrieval has written behind the old end
+// block: the last block padded with zeros, a new end block behind it, and
+// the header over the old end block. Nothing of it counts until the header
+// is in place; a write that fails leaves the cut-back to the guard. 0, or
+// -1 after a message.
+int CloseEntry(ArchiveAppend* append, const ObjectFile* object) {
+  ArchiveWriter* writer = append->Writer();
+  const int descriptor = writer->descriptor;
+  if (writer->pending > 0) {
+    memset(writer->block + writer->pending, 0, CtarBlockSize - static_cast<size_t>(writer->pending));
+    ssize_t written = WriteFull(descriptor, writer->block, CtarBlockSize);
+    if (written != static_cast<ssize_t>(CtarBlockSize)) {
+      if (written < 0)
+        VFAIL("write(): %s\n", strerror(errno));
+      else
+        VFAIL("write(,, %d) = %d\n", static_cast<int>(CtarBlockSize), static_cast<int>(written));
+      return -1;
+    }
+    writer->bytes += writer->pending;
+    writer->pending = 0;
+  }
+  if (writer->bytes <= 0) {
+    // A save file is never empty: whatever the server said, there is
+    // nothing here that a restore could bring back.
+    LogMessage("Block returned no data\n");
+    return -1;
+  }
+  unsigned char block[CtarBlockSize];
+  if (WriteFull(descriptor, BuildCtarSentinel(block), CtarBlockSize) != static_cast<ssize_t>(CtarBlockSize)) {
+    VFAIL("CTAR sentinel failed write(): %s\n", strerror(errno));
+    return -1;
+  }
+  BuildCtarHeader(block, object->name, static_cast<uint64_t>(writer->bytes), object->mode, object->mtime);
+  append->TouchEndBlock();
+  if (PwriteFull(descriptor, block, CtarBlockSize, append->Start() - static_cast<off64_t>(CtarBlockSize)) !=
+      static_cast<ssize_t>(CtarBlockSize)) {
+    VFAIL("CTAR header failed to update: %s\n", strerror(errno));
+    return -1;
+  }
+  append->Commit();
+  return 0;
 }
 
 // What a failed save reply means for the object.
@@ -452,6 +468,8 @@ int RunSave(FtpSession* session, ObjectFile* object, int number, TransferStats* 
         VFAIL("%s command failed\n  %s\n", save.label, reply);
         return -1;
       }
+      // Saved, but not all of it: the run must not end as a full success.
+      static_cast<ArchiveWriter*>(writer)->partial = 1;
     }
     if (stats) {
       gettimeofday(&saved, nullptr);
@@ -571,56 +589,29 @@ int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* objec
                       struct timeval* locked, DataCallback callback, ArchiveWriter* writer) {
   char command[CommandBufferSize];
   FormatBounded(command, sizeof command, "RETR %s", savf_path);
-  const int descriptor = writer->descriptor;
-  TakeArchiveLock();
-  gettimeofday(locked, nullptr);
-  // The archive ends with its sentinel; the entry's data goes behind it,
-  // and the header replaces it once the entry is whole.
-  const off64_t start = lseek64(descriptor, 0, SEEK_END);
-  char reply[ShortReplySize] = "";
-  int result = 0;
-  int sent = SendCommand(session->control, command, reply, sizeof reply, callback, nullptr, writer);
-  session->checkpoint_flags = checkpoint;
-  if (sent != 0) {
-    reply[sizeof reply - 1] = '\0';
-    result = -1;
-    VFAIL("RETR command failed\n  %s\n", reply);
-  }
-  // Whatever arrived is closed off as an entry: pad the last block, write a
-  // new sentinel behind the data, then the header over the old sentinel. A
-  // process dying at any point leaves the old sentinel as the archive's end.
-  // A write that fails here cuts the archive back to where the data began,
-  // and the header is still written over the old sentinel afterwards: that
-  // order is kept as designed, and the -1 tells the caller the entry is bad.
-  if (writer->pending > 0) {
-    memset(writer->block + writer->pending, 0, CtarBlockSize - static_cast<size_t>(writer->pending));
-    if (!WriteBlock(descriptor, writer->block)) {
-      result = -1;
-      TruncateArchive(descriptor, start);
-    }
-    writer->bytes += writer->pending;
-    writer->pending = 0;
-  }
-  if (writer->bytes <= 0) {
-    TruncateArchive(descriptor, start);
-    LogMessage("Block returned no data\n");
-  } else {
-    unsigned char block[CtarBlockSize];
-    if (write(descriptor, BuildCtarSentinel(block), CtarBlockSize) != static_cast<ssize_t>(CtarBlockSize)) {
-      VFAIL("CTAR sentinel failed write(): %s\n", strerror(errno));
-      result = -1;
-      TruncateArchive(descriptor, start);
-    }
-    BuildCtarHeader(block, object->name, static_cast<uint64_t>(writer->bytes), object->mode, object->mtime);
-    if (lseek64(descriptor, start - static_cast<off64_t>(CtarBlockSize), SEEK_SET) < 0 ||
-        write(descriptor, block, CtarBlockSize) != static_cast<ssize_t>(CtarBlockSize)) {
-      VFAIL("CTAR header failed to update: %s\n", strerror(errno));
-      result = -1;
-      TruncateArchive(descriptor, start);
+  int result = -1;
+  {
+    // Holds the archive from here to the end of the block and, unless the
+    // entry is closed whole, cuts the archive back to what it was: on a
+    // refused or broken transfer, a failed write, or the abort that carries
+    // a lost control connection back to the caller's checkpoint.
+    ArchiveAppend append(writer);
+    gettimeofday(locked, nullptr);
+    if (append.Usable()) {
+      char reply[ShortReplySize] = "";
+      int sent = SendCommand(session->control, command, reply, sizeof reply, callback, nullptr, writer);
+      session->checkpoint_flags = checkpoint;
+      if (sent != 0) {
+        reply[sizeof reply - 1] = '\0';
+        VFAIL("RETR command failed\n  %s\n", reply);
+        if (writer->bytes <= 0 && writer->pending == 0) LogMessage("Block returned no data\n");
+      } else {
+        result = CloseEntry(&append, object);
+      }
+    } else {
+      session->checkpoint_flags = checkpoint;
     }
   }
-  ReleaseArchiveReserve(writer);
-  ReleaseArchiveLockIfHeld();
   EndThreadIfTerminating();
   return result;
 }

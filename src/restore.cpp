@@ -135,10 +135,6 @@ const DispatchRow& RowFor(const char* name) {
   return DispatchTable[sizeof DispatchTable / sizeof DispatchTable[0] - 1];
 }
 
-bool IsSpecialObject(const char* name) {
-  return strcmp(name, "/System Configuration") == 0 || strcmp(name, "/Security Data") == 0;
-}
-
 // Unlinks and frees the pair behind `previous` (the first pair when
 // previous is nullptr); gives the pair that now follows `previous`.
 StringPair* DropPair(StringList* list, StringPair* previous) {
@@ -184,8 +180,10 @@ enum class Outcome { Restored, Skipped, Failed };
 // Decides what becomes of one entry and, when it is wanted, restores it.
 Outcome ProcessEntry(FtpSession* session, const char* name, ArchiveReader* reader) {
   StringList* objects = NewStringList();
-  // The two special objects are wanted whatever the include file says.
-  if (!Settings.include || IsSpecialObject(name)) {
+  // With an include file only what it names is restored: user profiles and
+  // the system configuration too, which a restore of one library must not
+  // put back with ALWOBJDIF(*ALL) unasked.
+  if (!Settings.include) {
     AppendStringPair(objects, name, nullptr);
   } else if (MatchPathFile(name, objects, Settings.include) >= 1) {
     if (Settings.verbosity >= 1) LogMessageTo(stderr, "%s: %s: not included\n", ProgramName, name);
@@ -461,46 +459,129 @@ int SkipArchiveData(int descriptor, int64_t count) {
   return 0;
 }
 
-int RestoreArchive(FtpSession* session) {
+namespace {
+
+// The archive as the restore found it before logging in: its descriptor and
+// its first block, already judged to be the start of a CTAR archive.
+struct OpenedArchive {
+  int descriptor = -1;
+  bool prepared = false;
+  alignas(CtarBlockSize) unsigned char first[CtarBlockSize];
+};
+OpenedArchive Opened;
+
+// Whether what follows the end block of an archive file is empty. A backup
+// made before a failed retrieval was always cut back could leave entries
+// there; a restore never reaches them, and the operator must know.
+bool NothingBehindTheEnd(int descriptor, int64_t end) {
+  struct stat st{};
+  if (fstat(descriptor, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= end) return true;
+  const unsigned long long behind = static_cast<unsigned long long>(st.st_size - end);
+  LogMessageTo(stderr,
+               "%s: %llu bytes lie behind the end block at offset 0x%llX: entries there were not "
+               "restored (ctar salvage recovers them)\n",
+               ProgramName, behind, static_cast<unsigned long long>(end - Block));
+  return false;
+}
+
+}  // namespace
+
+int PrepareRestore() {
+  if (Opened.prepared) return 0;
   const char* path = ArchivePath();
   const int descriptor = OpenArchive(path);
   if (descriptor < 0) return -1;
+  // The first block is read here and kept: on standard input it cannot be
+  // read a second time.
+  ssize_t got = ReadWhole(descriptor, Opened.first, sizeof Opened.first);
+  if (got < 0) {
+    VFAIL("read(%s, 0x%X, %d): %s\n", path, static_cast<unsigned>(reinterpret_cast<uintptr_t>(Opened.first)),
+          static_cast<int>(sizeof Opened.first), strerror(errno));
+    close(descriptor);
+    return -1;
+  }
+  if (got < static_cast<ssize_t>(sizeof Opened.first)) {
+    VFAIL("read short header at offset 0x%llX\n", 0ULL);
+    close(descriptor);
+    return -1;
+  }
+  // Only a CTAR archive is restored: a tar file's first header passes the
+  // checksum, and its members would be uploaded and restored as save files.
+  if (!CtarArchiveStart(Opened.first)) {
+    LogMessageTo(stderr, "%s: %s: not a CTAR archive: its first block is no CTAR header\n", ProgramName,
+                 path);
+    close(descriptor);
+    return -1;
+  }
+  Opened.descriptor = descriptor;
+  Opened.prepared = true;
+  return 0;
+}
+
+int RestoreArchive(FtpSession* session) {
+  const char* path = ArchivePath();
+  if (PrepareRestore() != 0) return -1;
+  const int descriptor = Opened.descriptor;
+  Opened.prepared = false;
+  Opened.descriptor = -1;
   struct timeval start{};
   const bool started = gettimeofday(&start, nullptr) == 0;
   int64_t offset = 0;
-  int result = 0;
-  ssize_t last_read = 0;
-  int read_error = 0;
+  // Every entry that was selected and not restored counts; a fatal error
+  // (the archive cannot be read on) decides the run alone.
+  int failures = 0;
+  bool fatal = false;
+  bool first = true;
   alignas(CtarBlockSize) unsigned char header[CtarBlockSize];
 
   for (;;) {
-    // Cleared first, so that a failed read leaves nothing of the previous
-    // header to be taken for a new one.
-    memset(header, 0, sizeof header);
-    last_read = ReadWhole(descriptor, header, sizeof header);
-    if (last_read < 0) read_error = errno;
-    // A failed read is no short header: the block is judged as it stands
-    // and the read error is reported after the loop.
-    if (last_read >= 0 && last_read < static_cast<ssize_t>(sizeof header)) {
-      VFAIL("read short header at offset 0x%llX\n", static_cast<unsigned long long>(offset));
-      result = -1;
-      break;
+    if (first) {
+      memcpy(header, Opened.first, sizeof header);
+      first = false;
+    } else {
+      // Cleared first, so that a failed read leaves nothing of the previous
+      // header to be taken for a new one.
+      memset(header, 0, sizeof header);
+      ssize_t got = ReadWhole(descriptor, header, sizeof header);
+      if (got < 0) {
+        VFAIL("read(%s, 0x%X, %d): %s\n", path, static_cast<unsigned>(reinterpret_cast<uintptr_t>(header)),
+              static_cast<int>(sizeof header), strerror(errno));
+        fatal = true;
+        break;
+      }
+      if (got < static_cast<ssize_t>(sizeof header)) {
+        VFAIL("read short header at offset 0x%llX\n", static_cast<unsigned long long>(offset));
+        fatal = true;
+        break;
+      }
     }
-    if (TerminationRequested.load() & 1) break;
+    if (TerminationRequested.load()) break;
 
     uint64_t stored_size = 0;
     const int judged = ReadCtarHeader(header, &stored_size, nullptr, 0);
     if (judged == CtarBadChecksum) {
       LogMessageTo(stderr, "%s: bad header checksum at offset 0x%llX\n", ProgramName,
                    static_cast<unsigned long long>(offset));
-      result = -1;
+      fatal = true;
       break;
     }
-    if (judged == CtarEnd) break;
+    if (judged == CtarEnd) {
+      if (!NothingBehindTheEnd(descriptor, offset + Block)) failures++;
+      break;
+    }
+    // A header whose checksum holds but which no backup wrote (a tar
+    // member's, say) ends the restore like a damaged one.
+    const char* oddity = judged == CtarEntry ? CtarHeaderOddity(header) : nullptr;
+    if (oddity) {
+      LogMessageTo(stderr, "%s: bad header at offset 0x%llX: its %s is not as a backup writes it\n",
+                   ProgramName, static_cast<unsigned long long>(offset), oddity);
+      fatal = true;
+      break;
+    }
     // A size beyond the signed range could not be skipped or counted.
     if (judged == CtarBadSize || stored_size > static_cast<uint64_t>(INT64_MAX)) {
       VFAIL("bad file size at offset 0x%llX\n", static_cast<unsigned long long>(offset));
-      result = -1;
+      fatal = true;
       break;
     }
     const int64_t size = static_cast<int64_t>(stored_size);
@@ -512,8 +593,7 @@ int RestoreArchive(FtpSession* session) {
       VFAIL("path too long\n");
       outcome = Outcome::Failed;
     } else {
-      char* suffix = strstr(name, CtarDirectorySuffix);
-      if (suffix) *suffix = '\0';
+      CtarEntryName(header, name, sizeof name);
       LogMessage("Archive  : %s\n", name);
       outcome = ProcessEntry(session, name, &reader);
       // Whatever became of the upload, no read of this entry is left in
@@ -525,43 +605,30 @@ int RestoreArchive(FtpSession* session) {
       outcome = Outcome::Failed;
     if (outcome == Outcome::Failed) {
       VFAIL("failed to restore object at offset 0x%llX\n", static_cast<unsigned long long>(offset));
+      failures++;
       // What the upload did not consume; nothing once it read the padding.
       if (SkipArchiveData(descriptor, reader.left) != 0) {
         VFAIL("couldn't skip the rest of the failed object's 0x%llX bytes\n",
               static_cast<unsigned long long>(reader.left));
-        result = -1;
+        fatal = true;
         break;
       }
-      result = -1;
-    } else {
-      // Only the last entry and fatal errors decide the run's result.
-      result = 0;
     }
     offset += Block + WholeBlocks(size);
-  }
-
-  if (last_read < 0) {
-    VFAIL("read(%s, 0x%X, %d): %s\n", path,
-          static_cast<unsigned>(reinterpret_cast<uintptr_t>(header)),
-          static_cast<int>(sizeof header), strerror(read_error));
-    result = -1;
   }
   close(descriptor);
 
   // Private authorities refer to the profiles, so they come back once,
   // after every entry, and only when profiles were restored.
-  if (RestoredProfiles > 0) {
-    int authority = RestoreAuthority(session);
-    if (authority != 0) {
-      VFAIL("failed to restore authority\n");
-      result = result != 0 ? -1 : authority;
-    }
+  if (RestoredProfiles > 0 && RestoreAuthority(session) != 0) {
+    VFAIL("failed to restore authority\n");
+    failures++;
   }
-  if (TerminationRequested.load() & 1) {
+  if (TerminationRequested.load()) {
     VFAIL("Restore Terminated Cleanly\n");
-    exit(143);
+    exit(TerminationStatus());
   }
-  if (result != 0) return result;
+  if (fatal) return -1;
 
   struct timeval end{};
   double seconds = 0;
@@ -573,5 +640,7 @@ int RestoreArchive(FtpSession* session) {
     double rate = ScaleAmount(static_cast<double>(offset) / seconds, &unit);
     LogMessage("%.3f %sB/s\n", rate, unit);
   }
-  return 0;
+  // Every entry restored: 0; the archive read to its end with some entry
+  // (or the closing authority restore) failed: 1.
+  return failures > 0 ? 1 : 0;
 }

@@ -9,8 +9,10 @@
 #include <strings.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -95,9 +97,98 @@ int PollRetry(struct pollfd* set, nfds_t count, int timeout) {
   return result;
 }
 
-int PollOne(int descriptor, short events) {
+// How long the next wait step may be: the poll step, or what is left of the
+// grace after a termination request (0 once it is over).
+int WaitStepMs() {
+  int left = TerminationMsLeft();
+  return left < 0 ? PollStepMs : std::min(PollStepMs, left);
+}
+
+// Polls the entries for one wait step. While no termination request came,
+// the request's wake-up descriptor is watched as well, so that a request
+// ends the step at once; it then counts as a step that found nothing.
+int PollStep(struct pollfd* set, nfds_t count, int step_ms) {
+  const int wake = TerminationWakeDescriptor();
+  if (wake < 0 || TerminationRequested.load() != 0 || count >= 4) return PollRetry(set, count, step_ms);
+  struct pollfd watched[4];
+  for (nfds_t i = 0; i < count; i++) watched[i] = set[i];
+  watched[count] = {wake, POLLIN, 0};
+  int ready = PollRetry(watched, count + 1, step_ms);
+  for (nfds_t i = 0; i < count; i++) set[i].revents = watched[i].revents;
+  if (ready > 0 && watched[count].revents) ready--;
+  return ready;
+}
+
+int PollStepOne(int descriptor, short events, int step_ms) {
   struct pollfd entry = {descriptor, events, 0};
-  return PollRetry(&entry, 1, PollStepMs);
+  return PollStep(&entry, 1, step_ms);
+}
+
+// After a termination request a transfer is taken to its end only while its
+// data keeps flowing: at least one transfer buffer in every grace period. A
+// server that drips or stalls would otherwise hold the run for ever.
+class FlowAfterTermination {
+ public:
+  // Counts bytes just moved (0 after a wait that moved nothing); false when
+  // the transfer must be given up.
+  bool Moving(int64_t bytes) {
+    if (TerminationRequested.load() == 0) return true;
+    const int64_t now = MonotonicMs();
+    if (since_ < 0) since_ = now;
+    moved_ += bytes;
+    if (now - since_ < TerminationGraceMs) return true;
+    if (moved_ < TransferBufferSize) {
+      VFAIL("termination requested: the transfer is not moving, given up\n");
+      return false;
+    }
+    since_ = now;
+    moved_ = 0;
+    return true;
+  }
+  // The next wait step: up to the end of the current grace period.
+  int StepMs() const {
+    if (TerminationRequested.load() == 0) return PollStepMs;
+    if (since_ < 0) return std::min(PollStepMs, TerminationGraceMs);
+    int64_t left = since_ + TerminationGraceMs - MonotonicMs();
+    return static_cast<int>(std::clamp<int64_t>(left, 1, PollStepMs));
+  }
+
+ private:
+  int64_t since_ = -1;
+  int64_t moved_ = 0;
+};
+
+// connect() that a termination request can cut short (errno ECANCELED).
+int ConnectSocket(int descriptor, const sockaddr* address, socklen_t length) {
+  const int flags = fcntl(descriptor, F_GETFL);
+  if (flags < 0 || fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) != 0) return -1;
+  int result = connect(descriptor, address, length);
+  if (result != 0 && (errno == EINPROGRESS || errno == EINTR)) {
+    for (;;) {
+      const int step = WaitStepMs();
+      if (step == 0) {
+        errno = ECANCELED;
+        result = -1;
+        break;
+      }
+      int ready = PollStepOne(descriptor, POLLOUT, step);
+      if (ready < 0) {
+        result = -1;
+        break;
+      }
+      if (ready == 0) continue;
+      int error = 0;
+      socklen_t size = sizeof error;
+      if (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size) != 0) error = errno;
+      errno = error;
+      result = error == 0 ? 0 : -1;
+      break;
+    }
+  }
+  const int saved = errno;
+  fcntl(descriptor, F_SETFL, flags);
+  errno = saved;
+  return result;
 }
 
 int Port(const sockaddr_in& address) { return ntohs(address.sin_port); }
@@ -164,10 +255,7 @@ int SetUpDataConnection(FtpConnection* control, const char* last) {
     VFAIL("setsockopt(, SOL_IP, IP_MTU_DISCOVER, %X): %s\n", discover, strerror(errno));
   if (setsockopt(descriptor, SOL_TCP, TCP_NODELAY, &on, sizeof on) != 0)
     VFAIL("setsockopt(, SOL_TCP, TCP_NODELAY, %X): %s\n", on, strerror(errno));
-  int connected;
-  do {
-    connected = connect(descriptor, reinterpret_cast<sockaddr*>(&data->server), sizeof data->server);
-  } while (connected != 0 && errno == EINTR);
+  int connected = ConnectSocket(descriptor, reinterpret_cast<sockaddr*>(&data->server), sizeof data->server);
   if (connected != 0) {
     VFAIL("connect(, %s:%d): %s\n", data->server_text, Port(data->server), strerror(errno));
     close(descriptor);
@@ -189,6 +277,7 @@ int Receive(FtpConnection* control, DataCallback callback, void* argument) {
   }
   if (Settings.verbosity >= 4) LogMessage("reading from %s:%d\n", data->server_text, Port(data->server));
   int timeouts = 0;
+  FlowAfterTermination flow;
   for (;;) {
     int room = TransferBufferSize;
     char* at = data->transfer_buffer;
@@ -204,18 +293,22 @@ int Receive(FtpConnection* control, DataCallback callback, void* argument) {
         got = recv(data->descriptor, at, static_cast<size_t>(room), MSG_DONTWAIT);
       if (got < 0 && errno == EINTR) continue;
       if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOTSOCK)) {
-        int ready = PollOne(data->descriptor, POLLIN | POLLPRI);
+        const int step = flow.StepMs();
+        int ready = PollStepOne(data->descriptor, POLLIN | POLLPRI, step);
         if (ready < 0) {
           VFAIL("poll(): %s\n", strerror(errno));
           goto abort;
         }
         if (ready == 0) {
+          if (!flow.Moving(0)) goto abort;
+          if (step < PollStepMs || TerminationRequested.load() != 0) continue;  // not a silent minute
           timeouts++;
           VFAIL("poll(): timedout on data read after %.2fs (%d times)\n", PollStepSeconds(), timeouts);
           break;
         }
         got = read(data->descriptor, at, static_cast<size_t>(room));
       }
+      if (got > 0 && !flow.Moving(got)) goto abort;
       if (got > 0) {
         if (Settings.verbosity >= 5)
           VFAIL("read(%s:%d) %d bytes\n", data->server_text, Port(data->server), static_cast<int>(got));
@@ -242,6 +335,7 @@ int Receive(FtpConnection* control, DataCallback callback, void* argument) {
       }
       if (timeouts == 0) {
         CloseDataSocket(data);
+        NoteTransferEnded();
         return 0;
       }
       if (Settings.verbosity >= 4) VFAIL("No data read for callback\n");
@@ -265,23 +359,32 @@ int Send(FtpConnection* control, DataCallback callback, void* argument) {
     return -1;
   }
   if (Settings.verbosity >= 4) LogMessage("writing to %s:%d\n", data->server_text, Port(data->server));
+  FlowAfterTermination flow;
   for (;;) {
     int count = TransferBufferSize;
     if (callback(argument, data->transfer_buffer, &count) != 0) break;
     if (count <= 0) {
       // Closing the data socket is the end of file for the server.
       CloseDataSocket(data);
+      NoteTransferEnded();
       return 0;
     }
     if (Settings.verbosity >= 5) VFAIL("callback gave us %d bytes\n", count);
     int sent = 0;
+    bool given_up = false;
     while (sent < count) {
-      int ready = PollOne(data->descriptor, POLLOUT);
+      const int step = flow.StepMs();
+      int ready = PollStepOne(data->descriptor, POLLOUT, step);
       if (ready < 0) {
         VFAIL("poll(): %s\n", strerror(errno));
         break;
       }
       if (ready == 0) {
+        if (!flow.Moving(0)) {
+          given_up = true;
+          break;
+        }
+        if (step < PollStepMs || TerminationRequested.load() != 0) continue;
         VFAIL("poll(): timedout on data write after %.2fs\n", PollStepSeconds());
         break;
       }
@@ -295,9 +398,13 @@ int Send(FtpConnection* control, DataCallback callback, void* argument) {
       if (Settings.verbosity >= 5)
         VFAIL("write(%s:%d) %d bytes\n", data->server_text, Port(data->server), static_cast<int>(written));
       sent += static_cast<int>(written);
+      if (!flow.Moving(written)) {
+        given_up = sent < count;
+        if (given_up) break;
+      }
     }
     if (sent < count) {
-      VFAIL("we didn't send everything\n");
+      if (!given_up) VFAIL("we didn't send everything\n");
       break;
     }
   }
@@ -414,10 +521,7 @@ int ConnectControl(FtpConnection* control) {
     VFAIL("socket(): %s\n", strerror(errno));
     return -1;
   }
-  int connected;
-  do {
-    connected = connect(descriptor, reinterpret_cast<sockaddr*>(&control->peer), sizeof control->peer);
-  } while (connected != 0 && errno == EINTR);
+  int connected = ConnectSocket(descriptor, reinterpret_cast<sockaddr*>(&control->peer), sizeof control->peer);
   if (connected != 0) {
     char shown[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &control->peer.sin_addr, shown, sizeof shown);
@@ -462,11 +566,19 @@ int ReadReply(FtpConnection* control, char* out) {
       control->reply_held = 0;
       return -1;
     }
-    int ready = PollOne(control->descriptor, POLLIN | POLLPRI);
+    // Checked at every step, not only when a poll finds nothing: a server
+    // that talks without end must not hold a terminating run either.
+    const int step = WaitStepMs();
+    if (step == 0) {
+      VFAIL("termination requested: no longer waiting for a reply\n");
+      return -1;
+    }
+    int ready = PollStepOne(control->descriptor, POLLIN | POLLPRI, step);
     if (ready < 0) {
       VFAIL("poll(): %s\n", strerror(errno));
       return ControlFailed(control);
     }
+    if (ready == 0 && TerminationRequested.load() != 0) continue;
     if (ready == 0) {
       // Reported, but the connection stays: a slow server is not a dead one.
       VFAIL("poll(): timedout on control read after %.2fs\n", PollStepSeconds());
@@ -528,6 +640,10 @@ int ReadReply(FtpConnection* control, char* out) {
 int SendCommand(FtpConnection* control, const char* command, char* reply, size_t reply_size,
                 DataCallback receive, DataCallback send, void* argument) {
   if (!IsControlRecord(control)) return -1;
+  if (TerminationMsLeft() == 0) {
+    VFAIL("termination requested: %s not sent\n", ShownCommand(command));
+    return -1;
+  }
   DataCallback callback = receive ? receive : send;
   FtpConnection* data = nullptr;
   if (callback) {
@@ -606,11 +722,20 @@ int SendCommand(FtpConnection* control, const char* command, char* reply, size_t
     }
     if (entries == 0) break;
 
-    int ready = PollRetry(set, entries, PollStepMs);
+    const int step = WaitStepMs();
+    if (step == 0) {
+      // The grace after a termination request is over: the reply (or the
+      // start of the data) is not awaited any longer.
+      VFAIL("termination requested: no longer waiting for a reply\n");
+      if (callback) CloseDataSocket(data);
+      return -1;
+    }
+    int ready = PollStep(set, entries, step);
     if (ready < 0) {
       VFAIL("poll(): %s\n", strerror(errno));
       return -1;
     }
+    if (ready == 0 && TerminationRequested.load() != 0) continue;
     if (ready == 0) {
       waited += PollStepMs;
       VFAIL("poll(): timedout after %.2fs (%.2fs)\n", PollStepSeconds(), waited / 1000.0);

@@ -3,6 +3,9 @@
 #include "support.h"
 
 #include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <cstdlib>
 #include <cstring>
@@ -142,6 +145,38 @@ int FormatBounded(char* dst, size_t cap, const char* format, ...) {
   int n = vsnprintf(dst, cap, format, args);
   va_end(args);
   return n;
+}
+
+namespace {
+
+template <typename Step>
+ssize_t WriteAll(size_t length, Step step) {
+  size_t done = 0;
+  while (done < length) {
+    ssize_t n = step(done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return -1;
+    if (n == 0) {
+      errno = ENOSPC;
+      break;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return static_cast<ssize_t>(done);
+}
+
+}  // namespace
+
+ssize_t WriteFull(int descriptor, const void* data, size_t length) {
+  const char* bytes = static_cast<const char*>(data);
+  return WriteAll(length, [&](size_t done) { return write(descriptor, bytes + done, length - done); });
+}
+
+ssize_t PwriteFull(int descriptor, const void* data, size_t length, int64_t offset) {
+  const char* bytes = static_cast<const char*>(data);
+  return WriteAll(length, [&](size_t done) {
+    return pwrite64(descriptor, bytes + done, length - done, static_cast<off64_t>(offset) + static_cast<off64_t>(done));
+  });
 }
 
 double ScaleDecimal(double value, char* unit) {

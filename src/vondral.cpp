@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 
 #include "backup.h"
 #include "ftp.h"
@@ -90,18 +91,59 @@ constexpr size_t UsageLineLimit = 70;
 
 sigset_t SignalSet;
 
+// Wake-up pipe of termination requests: the write end gets one byte.
+int TerminationPipe[2] = {-1, -1};
+std::atomic<int64_t> TerminationAtMs{0};
+thread_local int64_t TransferEndedAtMs = 0;
+
+// The first request asks the drivers to stop at their safe points; a second
+// one means the operator will not wait: the process ends at once, leaving
+// an existing archive untouched and the temporary file behind.
 void* SignalThread(void*) {
-  int signal_number = 0;
-  sigwait(&SignalSet, &signal_number);
-  if (signal_number == SIGTERM)
-    TerminationRequested.fetch_or(1);
-  else
-    LogMessageTo(stderr, "\nUnexpected signal %d\n", signal_number);
+  for (;;) {
+    int signal_number = 0;
+    if (sigwait(&SignalSet, &signal_number) != 0) continue;
+    if (signal_number != SIGTERM && signal_number != SIGINT && signal_number != SIGHUP) {
+      LogMessageTo(stderr, "\nUnexpected signal %d\n", signal_number);
+      continue;
+    }
+    if (TerminationRequested.load() == 0) {
+      RequestTermination(signal_number);
+      continue;
+    }
+    LogMessageTo(stderr, "%s: second termination request (signal %d): ending at once\n", ProgramName,
+                 signal_number);
+    _exit(128 + signal_number);
+  }
   return nullptr;
 }
 
-// yes, true and 1 (in any case) switch a flag on; anything else off.
-uint8_t YesNo(const char* text) { return strchr("YyTt1", text[0]) && text[0] ? 1 : 0; }
+// A yes/no option takes yes, true, 1 (on) or no, false, 0 (off), in any
+// case. Anything else is refused: a typo such as "-p 2121" or "-x on" must
+// not silently mean "no".
+int SetYesNo(uint8_t* flag, const char* option, const char* text) {
+  static const struct {
+    const char* word;
+    uint8_t value;
+  } words[] = {{"yes", 1}, {"true", 1}, {"1", 1}, {"no", 0}, {"false", 0}, {"0", 0}};
+  for (const auto& w : words) {
+    if (strcasecmp(text, w.word) == 0) {
+      *flag = w.value;
+      return 0;
+    }
+  }
+  LogMessageTo(stderr, "invalid argument: --%s %s\n", option, text);
+  return -1;
+}
+
+// A whole decimal number, an optional minus sign and digits only, within
+// [low, high]. Blanks, a plus sign or trailing characters are refused.
+bool StrictInteger(const char* text, long low, long high, long* value) {
+  const char* digits = text[0] == '-' ? text + 1 : text;
+  if (!*digits || strspn(digits, "0123456789") != strlen(digits) || strlen(digits) > 9) return false;
+  *value = strtol(text, nullptr, 10);
+  return *value >= low && *value <= high;
+}
 
 // Base-0 conversions that must consume the whole argument and at least one
 // character.
@@ -117,6 +159,42 @@ void ReplaceStream(FILE** slot, FILE* stream) {
   *slot = stream;
 }
 
+}  // namespace
+
+// Every line of a path file is checked once, when the file is opened, so
+// that a mistake is reported before anything is sent to the server: a line
+// that names something must be a full server path, and fit the line buffer
+// every later reading uses. 0, or -1 after reporting each bad line.
+int CheckPathFile(FILE* stream, const char* path) {
+  int result = 0;
+  char* line = nullptr;
+  size_t capacity = 0;
+  ssize_t length;
+  for (int number = 1; (length = getline(&line, &capacity, stream)) >= 0; number++) {
+    if (length > 0 && line[length - 1] == '\n') line[--length] = '\0';
+    if (length > 0 && line[length - 1] == '\r') line[--length] = '\0';
+    if (length == 0 || line[0] == '#') continue;
+    if (static_cast<size_t>(length) >= PathLineSize) {
+      LogMessageTo(stderr, "%s: %s, line %d: longer than %d characters\n", ProgramName, path, number,
+                   static_cast<int>(PathLineSize - 1));
+      result = -1;
+    } else if (line[0] != '/') {
+      LogMessageTo(stderr, "%s: %s, line %d: not a full server path: %s\n", ProgramName, path, number,
+                   line);
+      result = -1;
+    }
+  }
+  if (ferror(stream)) {
+    LogMessageTo(stderr, "%s: read(%s): %s\n", ProgramName, path, strerror(errno));
+    result = -1;
+  }
+  free(line);
+  rewind(stream);
+  return result;
+}
+
+namespace {
+
 // --include and --exclude: the file is kept open (and read again for every
 // question) for the whole run.
 int OpenPathFile(FILE** slot, const char* path) {
@@ -128,7 +206,7 @@ int OpenPathFile(FILE** slot, const char* path) {
   }
   setlinebuf(stream);
   *slot = stream;
-  return 0;
+  return CheckPathFile(stream, path);
 }
 
 // --list and --notbackedup take a descriptor the caller opened for us.
@@ -198,27 +276,30 @@ int SetVerbose(const char* argument) {
 }
 
 int SetWait(const char* argument) {
-  // Decimal, with no end check: "12abc" passes and reaches the save command
-  // exactly as typed.
-  int seconds = static_cast<int>(strtol(argument, nullptr, 10));
-  if (seconds == -1) {
-    Settings.wait_text = "*NOMAX";
-  } else if (seconds >= 0 && seconds <= 99999) {
-    Settings.wait_text = strdup(argument);
-  } else {
+  // Only a whole number reaches the save command, written as a number:
+  // "12abc" would make every SAVLIB fail on the server.
+  long seconds = 0;
+  if (!StrictInteger(argument, -1, 99999, &seconds)) {
     LogMessageTo(stderr, "invalid argument: --wait %s\n", argument);
     return -1;
+  }
+  if (seconds == -1) {
+    Settings.wait_text = "*NOMAX";
+  } else {
+    static char text[8];
+    FormatBounded(text, sizeof text, "%ld", seconds);
+    Settings.wait_text = text;
   }
   return 0;
 }
 
 int SetTimeout(const char* argument) {
-  int minutes = static_cast<int>(strtol(argument, nullptr, 10));
-  if (minutes < 1 || minutes > 99999) {
+  long minutes = 0;
+  if (!StrictInteger(argument, 1, 99999, &minutes)) {
     LogMessageTo(stderr, "invalid argument: --timeout %s\n", argument);
     return -1;
   }
-  Settings.timeout_minutes = minutes;
+  Settings.timeout_minutes = static_cast<int>(minutes);
   return 0;
 }
 
@@ -254,13 +335,13 @@ int HandleOption(int letter, const char* argument) {
     case 'l': return OpenDescriptorStream(&Settings.list, argument);
     case 'm': return SetMaxBlockSize(argument);
     case 'n': return OpenDescriptorStream(&Settings.notbackedup, argument);
-    case 'p': Settings.precheck = YesNo(argument); return 0;
+    case 'p': return SetYesNo(&Settings.precheck, "precheck", argument);
     case 'r': return CopyArgument(&Settings.restore_path, argument, "restore input path");
     case 's': return CopyArgument(&Settings.server, argument, "server name");
     case 't': Settings.test_count++; return 0;
     case 'v': return SetVerbose(argument);
     case 'w': return SetWait(argument);
-    case 'x': Settings.threading = YesNo(argument); return 0;
+    case 'x': return SetYesNo(&Settings.threading, "threading", argument);
     case 'z': return SetTimeout(argument);
     case '?': return -1;  // getopt_long has already said what was wrong
     default:
@@ -492,10 +573,8 @@ int MatchPathFile(const char* path, StringList* list, FILE* stream) {
   const int path_slashes = slashes(path);
   const size_t path_length = strlen(path);
   int result = 1;
-  char line[4096];
-  while (fgets(line, sizeof line, stream)) {
-    char* newline = strchr(line, '\n');
-    if (newline) *newline = '\0';
+  char line[PathLineSize];
+  while (ReadPathLine(stream, line, sizeof line)) {
     const char* second = nullptr;
     char* separator = strstr(line, " :: ");
     if (separator) {
@@ -516,14 +595,64 @@ int MatchPathFile(const char* path, StringList* list, FILE* stream) {
   return result;
 }
 
+bool ReadPathLine(FILE* stream, char* line, size_t capacity) {
+  while (fgets(line, static_cast<int>(capacity), stream)) {
+    size_t length = strlen(line);
+    if (length > 0 && line[length - 1] == '\n') line[--length] = '\0';
+    // Files written on Windows end their lines in CR LF.
+    if (length > 0 && line[length - 1] == '\r') line[--length] = '\0';
+    if (length == 0 || line[0] == '#') continue;
+    return true;
+  }
+  return false;
+}
+
 int StartSignalThread() {
   sigemptyset(&SignalSet);
   sigaddset(&SignalSet, SIGTERM);
+  sigaddset(&SignalSet, SIGINT);
+  sigaddset(&SignalSet, SIGHUP);
   if (pthread_sigmask(SIG_BLOCK, &SignalSet, nullptr) != 0) return -1;
+  if (TerminationPipe[0] < 0 && pipe2(TerminationPipe, O_CLOEXEC | O_NONBLOCK) != 0) return -2;
   pthread_t thread;
   if (pthread_create(&thread, nullptr, SignalThread, nullptr) != 0) return -2;
   return 0;
 }
+
+int64_t MonotonicMs() {
+  struct timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+void RequestTermination(int signal_number) {
+  TerminationAtMs = MonotonicMs();
+  TerminationRequested = signal_number;
+  if (TerminationPipe[1] >= 0) {
+    char byte = 1;
+    // The pipe stays readable from now on; nobody drains it.
+    if (write(TerminationPipe[1], &byte, 1) < 0) {
+    }
+  }
+}
+
+int TerminationStatus() {
+  int signal_number = TerminationRequested.load();
+  if (signal_number != SIGTERM && signal_number != SIGINT && signal_number != SIGHUP)
+    signal_number = SIGTERM;
+  return 128 + signal_number;
+}
+
+int TerminationWakeDescriptor() { return TerminationPipe[0]; }
+
+int TerminationMsLeft() {
+  if (TerminationRequested.load() == 0) return -1;
+  int64_t from = std::max<int64_t>(TerminationAtMs.load(), TransferEndedAtMs);
+  int64_t left = from + TerminationGraceMs - MonotonicMs();
+  return left > 0 ? static_cast<int>(left) : 0;
+}
+
+void NoteTransferEnded() { TransferEndedAtMs = MonotonicMs(); }
 
 int VondralMain(int argc, char** argv) {
   struct timeval start{};
@@ -569,20 +698,79 @@ int VondralMain(int argc, char** argv) {
     Usage();
     return 255;
   }
+  // A backup's archive file is made before anything is sent, so that a path
+  // it cannot be written to ends the run before the server is touched.
+  const bool backup_mode = Settings.test_count == 0 && !Settings.list && Settings.backup_path;
+  if (backup_mode && PrepareArchiveFile(Settings.backup_path) != 0) return 255;
+  // Likewise a restore reads its archive's first block before the login:
+  // a file that is no CTAR archive sends nothing to the server.
+  const bool restore_mode = Settings.test_count == 0 && !Settings.list && !Settings.backup_path &&
+                            Settings.restore_path;
+  if (restore_mode && PrepareRestore() != 0) return 255;
   FtpSession* session = NewSession(Settings.server, "ftp");
-  if (!session) return 255;
+  if (!session) {
+    DiscardArchiveFile();
+    return 255;
+  }
   if (Login(session, Settings.user, Settings.passphrase) != 0) {
     VFAIL("login failed\n");
     Quit(session);
-    return 255;
+    DiscardArchiveFile();
+    return TerminationRequested.load() ? TerminationStatus() : 255;
   }
   int result = RunMode(session);
+  // List and test modes have no safe point of their own: a request ends
+  // them after their current wait, with the signal's status.
+  if (TerminationRequested.load()) result = TerminationStatus();
   Quit(session);
   struct timeval end{};
   gettimeofday(&end, nullptr);
   LogMessage("** Total Run Time: %.3f seconds\n", Seconds(end) - Seconds(start));
   return result & 0xFF;
 }
+
+namespace {
+
+// Prints the full path of the object one listing line names.
+int PrintListedObject(const ListPrinterContext* context, const char* line) {
+  const char* path = context->include_path;
+  size_t path_length = strlen(path);
+  const char* separator = path_length > 0 && path[path_length - 1] == '/' ? "" : "/";
+  // The name is the ninth field of the Unix long listing (mode, links,
+  // owner, group, size, month, day, time or year, name); a blank ends it.
+  const char* p = line;
+  while (*p && isspace(static_cast<unsigned char>(*p))) p++;
+  bool directory = *p == 'd';
+  p = line;
+  while (*p && !isspace(static_cast<unsigned char>(*p))) p++;
+  if (*p) p++;
+  for (int field = 0; field < 7; field++) {
+    while (*p && isspace(static_cast<unsigned char>(*p))) p++;
+    while (*p && !isspace(static_cast<unsigned char>(*p))) p++;
+  }
+  while (*p && isspace(static_cast<unsigned char>(*p))) p++;
+  const char* name = p;
+  while (*p && !isspace(static_cast<unsigned char>(*p))) p++;
+  int name_length = static_cast<int>(p - name);
+
+  char full[4095];
+  if (FormatBounded(full, sizeof full, "%s%s%.*s", path, separator, name_length, name) >
+      static_cast<int>(sizeof full)) {
+    VFAIL("path too long\n");
+    return -1;
+  }
+  if (strncasecmp(full, "/QSYS.LIB/", 10) != 0) {
+    fprintf(Settings.list, "%s%s\n", full, directory ? "/" : "");
+  } else if (name_length >= 4 && strncasecmp(name + name_length - 4, ".LIB", 4) == 0) {
+    fprintf(Settings.list, "%s%s\n", full, "");  // libraries get no "/"
+  } else if (Settings.verbosity >= 1) {
+    LogMessageTo(stderr, "%s: ignoring non-library %.*s under /QSYS.LIB\n", ProgramName,
+                 name_length, name);
+  }
+  return 0;
+}
+
+}  // namespace
 
 int ListPrinter(void* argument, char* data, int* count) {
   auto* context = static_cast<ListPrinterContext*>(argument);
@@ -595,11 +783,14 @@ int ListPrinter(void* argument, char* data, int* count) {
     std::lock_guard<std::mutex> hold(LogLock);
     fwrite(data, 1, static_cast<size_t>(length), stdout);
   }
-  const char* path = context->include_path;
-  size_t path_length = strlen(path);
-  const char* separator = path_length > 0 && path[path_length - 1] == '/' ? "" : "/";
   constexpr int PendingLimit = 4095;
   int at = 0;
+  // The line end that began in the last chunk (a CR there, its LF here)
+  // belongs to the line already printed.
+  if (context->after_line_end) {
+    while (at < length && isspace(static_cast<unsigned char>(data[at]))) at++;
+    if (at < length) context->after_line_end = false;
+  }
   while (at < length) {
     while (at < length && data[at] != '\r') {
       if (context->pending_length > PendingLimit) {
@@ -614,50 +805,27 @@ int ListPrinter(void* argument, char* data, int* count) {
     }
     if (at >= length) return 0;  // the rest of the line comes with the next chunk
     while (at < length && isspace(static_cast<unsigned char>(data[at]))) at++;
+    context->after_line_end = at >= length;
     context->pending[context->pending_length] = '\0';
     context->pending_length = 0;
-
-    // The name is the ninth field of the Unix long listing (mode, links,
-    // owner, group, size, month, day, time or year, name); a blank ends it.
-    const char* line = context->pending;
-    const char* p = line;
-    while (*p && isspace(static_cast<unsigned char>(*p))) p++;
-    bool directory = *p == 'd';
-    p = line;
-    while (*p && !isspace(static_cast<unsigned char>(*p))) p++;
-    if (*p) p++;
-    for (int field = 0; field < 7; field++) {
-      while (*p && isspace(static_cast<unsigned char>(*p))) p++;
-      while (*p && !isspace(static_cast<unsigned char>(*p))) p++;
-    }
-    while (*p && isspace(static_cast<unsigned char>(*p))) p++;
-    const char* name = p;
-    while (*p && !isspace(static_cast<unsigned char>(*p))) p++;
-    int name_length = static_cast<int>(p - name);
-
-    char full[4095];
-    if (FormatBounded(full, sizeof full, "%s%s%.*s", path, separator, name_length, name) >
-        static_cast<int>(sizeof full)) {
-      VFAIL("path too long\n");
-      return -1;
-    }
-    if (strncasecmp(full, "/QSYS.LIB/", 10) != 0) {
-      fprintf(Settings.list, "%s%s\n", full, directory ? "/" : "");
-    } else if (name_length >= 4 && strncasecmp(name + name_length - 4, ".LIB", 4) == 0) {
-      fprintf(Settings.list, "%s%s\n", full, "");  // libraries get no "/"
-    } else if (Settings.verbosity >= 1) {
-      LogMessageTo(stderr, "%s: ignoring non-library %.*s under /QSYS.LIB\n", ProgramName,
-                   name_length, name);
-    }
+    if (PrintListedObject(context, context->pending) != 0) return -1;
   }
   return 0;
 }
 
+int FinishListPrinter(ListPrinterContext* context) {
+  // The last line of a listing that the server ended without a line end.
+  if (context->pending_length == 0) return 0;
+  context->pending[context->pending_length] = '\0';
+  context->pending_length = 0;
+  return PrintListedObject(context, context->pending);
+}
+
 int ListMode(FtpSession* session) {
-  char line[4096];
+  char line[PathLineSize];
   if (!Settings.include) {
     CopyBounded(line, sizeof line, "/");
-  } else if (!fgets(line, sizeof line, Settings.include)) {
+  } else if (!ReadPathLine(Settings.include, line, sizeof line)) {
     LogMessageTo(stderr, "%s: empty include list\n", ProgramName);
     return -1;
   }
@@ -670,12 +838,14 @@ int ListMode(FtpSession* session) {
     while (length > 1 && line[length - 1] == '\n') line[--length] = '\0';
     auto* context = new ListPrinterContext{};
     context->include_path = line;
-    if (ListDirectory(session, line, ListPrinter, context, nullptr) != 0) {
+    if (ListDirectory(session, line, ListPrinter, context, nullptr) != 0 ||
+        FinishListPrinter(context) != 0) {
       VFAIL("list failed\n");
       result = -1;
     }
     delete context;
-    if (!Settings.include || !fgets(line, sizeof line, Settings.include)) break;
+    if (TerminationRequested.load()) break;
+    if (!Settings.include || !ReadPathLine(Settings.include, line, sizeof line)) break;
   }
   return result;
 }

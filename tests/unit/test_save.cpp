@@ -463,10 +463,10 @@ TEST_F(SaveTest, ProcessObjectReportsSizeInDecimalUnitsAndTheTimesAroundTheArchi
     std::thread other;
     if (c.held) {
       other = std::thread([&] {
-        TakeArchiveLock();
+        ArchiveLock.lock();
         taken = true;
         usleep(100000);
-        ReleaseArchiveLockIfHeld();
+        ArchiveLock.unlock();
       });
       while (!taken) usleep(1000);
     }
