@@ -46,6 +46,18 @@ def test_missing_credentials(run, usage_lines):
 @pytest.mark.parametrize("args, messages", [
     (["--wait", "100000"], ["invalid argument: --wait 100000"]),
     (["--wait", "-2"], ["invalid argument: --wait -2"]),
+    # Only whole numbers: a typo must not reach the server's save command.
+    (["--wait", "12abc"], ["invalid argument: --wait 12abc"]),
+    (["--wait", " 5"], ["invalid argument: --wait  5"]),
+    (["--wait", "+5"], ["invalid argument: --wait +5"]),
+    (["--wait", ""], ["invalid argument: --wait "]),
+    (["--timeout", "5x"], ["invalid argument: --timeout 5x"]),
+    # Yes/no options take nothing else: "-p 2121" used to mean "no".
+    (["--precheck", "2121"], ["invalid argument: --precheck 2121"]),
+    (["--precheck", "nope"], ["invalid argument: --precheck nope"]),
+    (["-x", "on"], ["invalid argument: --threading on"]),
+    (["-x", "yess"], ["invalid argument: --threading yess"]),
+    (["-x", ""], ["invalid argument: --threading "]),
     (["--timeout", "0"], ["invalid argument: --timeout 0"]),
     (["--timeout", "100000"], ["invalid argument: --timeout 100000"]),
     (["--list", "3x"], ["vondral: '3x' can't parse file descriptor".replace("'3x' ", "'3x': ")]),
@@ -86,7 +98,9 @@ def test_all_bad_options_are_reported_together(run, usage_lines):
 
 
 @pytest.mark.parametrize("args", [
-    ["--wait", "12abc"], ["--wait", "-1"], ["--wait", "0"], ["--wait", "99999"],
+    ["--wait", "-1"], ["--wait", "0"], ["--wait", "99999"], ["--wait", "007"],
+    ["--precheck", "YES"], ["--precheck", "False"], ["--precheck", "1"], ["-p", "0"],
+    ["-x", "true"], ["-x", "No"],
     ["--timeout", "99999"], ["--timeout", "1"], ["-v", "-v5"], ["-v", "-v"], ["--verbose=0x3"],
     ["--list", "0x1"], ["--notbackedup", "2"], ["--maxblocksize", "0x10"],
     ["--date", "0"], ["--precheck", "no"], ["-x", "0"], ["--include", "/dev/null"],
@@ -119,3 +133,61 @@ def test_credentials_from_a_file_are_never_echoed(run, tmp_path):
     r = run("-s", "127.0.0.1", "-c", "u:file:%s" % key, "-v5")
     assert "vondral: Passphrase truncated to 9 bytes" in r.err_lines
     assert "TopSecret" not in r.out + r.err
+
+
+@pytest.mark.parametrize("text, errors", [
+    # Comments, blank lines and Windows line ends are fine.
+    ("# nightly\n\n/home\r\n/QSYS.LIB/PAY*.LIB\n", None),
+    ("   \n", ["line 1: not a full server path:    "]),
+    ("home\n", ["line 1: not a full server path: home"]),
+    ("/a\n\n# x\nQSYS.LIB/X.LIB\r\n/b\n  /c\n", [
+        "line 4: not a full server path: QSYS.LIB/X.LIB",
+        "line 6: not a full server path:   /c"]),
+    ("/" + "x" * 5000 + "\n", ["line 1: longer than 4095 characters"]),
+])
+@pytest.mark.parametrize("option", ["--include", "--exclude"])
+def test_path_files_are_checked_before_anything_is_sent(run, usage_lines, tmp_path, option,
+                                                        text, errors):
+    # Nothing listens here: a file that passes gets as far as connecting,
+    # one that does not ends before, with every bad line named.
+    path = tmp_path / "paths"
+    path.write_text(text)
+    r = run("-s", "127.0.0.1", "-c", "u:here:p", "-t", option, str(path))
+    assert r.status == 255
+    if errors is None:
+        assert "Connection refused" in r.err_lines[0], r.err
+    else:
+        assert r.err_lines == ["vondral: %s, %s" % (path, e) for e in errors] + usage_lines
+
+
+@pytest.mark.parametrize("make, kind", [
+    (lambda p: p.mkdir(), "is a directory"),
+    (lambda p: os.mkfifo(p), "is a pipe"),
+    (lambda p: os.symlink("/dev/null", p), "is a character device"),
+    (lambda p: os.symlink("/nonexistent/target", p), "a symbolic link that leads nowhere"),
+])
+def test_a_backup_path_that_is_no_regular_file_is_refused_before_connecting(run, tmp_path,
+                                                                             make, kind):
+    target = tmp_path / "archive"
+    make(target)
+    r = run("-s", "127.0.0.1", "-c", "u:here:p", "-b", str(target))
+    assert r.status == 255
+    assert len(r.err_lines) == 1 and r.err_lines[0].startswith("vondral: --backup %s: %s"
+                                                                % (target, kind)), r.err
+    assert sorted(os.listdir(tmp_path)) == ["archive"]  # no temporary file
+
+
+def test_a_backup_into_a_missing_directory_is_refused_before_connecting(run, tmp_path):
+    r = run("-s", "127.0.0.1", "-c", "u:here:p", "-b", str(tmp_path / "no" / "a.ctar"))
+    assert r.status == 255
+    assert len(r.err_lines) == 1
+    assert re.match(r"vondral\[backup\.cpp,\d+\]: open\(%s\): No such file or directory$"
+                    % re.escape(str(tmp_path / "no" / "a.ctar.partial")), r.err_lines[0]), r.err
+
+
+def test_a_backup_that_cannot_log_in_leaves_no_file_and_an_old_archive_untouched(run, tmp_path):
+    old = tmp_path / "a.ctar"
+    old.write_bytes(b"old archive")
+    r = run("-s", "127.0.0.1", "-c", "u:here:p", "-b", str(old))
+    assert r.status == 255 and "Connection refused" in r.err
+    assert sorted(os.listdir(tmp_path)) == ["a.ctar"] and old.read_bytes() == b"old archive"

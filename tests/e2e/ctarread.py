@@ -47,7 +47,12 @@ def name_of(block):
         if len(piece) < width:
             break
     text = name.decode("latin-1")
-    return text.split(".savf")[0], text
+    mode = int(_cstr(block[100:108]) or b"0", 8)
+    # The suffix marks a whole directory: it goes only where a backup puts
+    # it, at the end of a directory entry's name.
+    if mode & 0o040000 and text.endswith(".savf"):
+        return text[:-len(".savf")], text
+    return text, text
 
 
 class Entry:

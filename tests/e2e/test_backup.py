@@ -136,16 +136,112 @@ def test_sigterm_ends_every_worker_after_its_entry(sim_factory, tmp_path):
     assert "** Backup Complete" not in r.out
 
 
-def test_recovery_during_retr_leaves_the_entry_behind_the_old_sentinel(sim_factory, tmp_path):
+def test_recovery_during_retr_cuts_the_entry_back_and_later_entries_stay_reachable(sim_factory,
+                                                                                  tmp_path):
     sim = sim_factory(tree=SAMPLE, config={"faults": [
         {"match": "^RETR", "nth": 2, "action": "close_after_data"}]})
     r = backup(sim, tmp_path, "-x", "no")
     assert r.status == 2, r.err  # 1 of 6 failed
     assert has_fail(r.err_lines, "ftp", "recovering checkpoint")
     assert "Backup Failure: /System Configuration" in r.err_lines
-    # Later workers were not kept from the archive, but a restore stops at the
-    # sentinel the broken retrieval never replaced.
-    assert "/home" in after("Backup Success: ", r.out_lines)
-    entries = read_archive(r.archive, allow_trailing=True)
-    assert [e.name for e in entries] == ["/Security Data"]
-    assert os.path.getsize(r.archive) > entries[0].offset + 512 + len(entries[0].data) + 512
+    # The data of the broken retrieval is cut away again: every later entry
+    # is reachable, and nothing lies behind the end block.
+    saved = after("Backup Success: ", r.out_lines)
+    assert [e.name for e in read_archive(r.archive)] == saved
+    assert len(saved) == 5
+
+
+@pytest.mark.parametrize("length, fails", [(395, False), (396, True), (450, True)])
+def test_a_name_no_entry_header_can_hold_fails_its_object(sim_factory, tmp_path, length, fails):
+    # A directory entry's name carries ".savf": 395 + 5 characters still
+    # fit the 400 a header holds, one more would be cut and could collide.
+    parts, left = [], length - len("/x")
+    while left > 0:
+        part = min(100, left - 1)
+        parts.append("d" * part)
+        left -= part + 1
+    top = "/" + "/".join(parts)
+    name = top + "/x"
+    assert len(name) == length
+    sim = sim_factory(tree={name.lstrip("/"): {"f.txt": "f"}})
+    r = backup(sim, tmp_path, include=name + "\n", exclude=NO_SPECIALS)
+    assert (r.status != 0) == fails, r.err
+    if fails:
+        assert has_fail(r.err_lines, "backup", "path too long")
+        assert "Backup Failure: %s" % name in r.err_lines
+        assert r.notbackedup == [name]
+        assert read_archive(r.archive) == []
+        assert not any(c.startswith("RCMD SAV ") for c in sim.lines())
+    else:
+        assert names(r) == [name]
+
+
+def test_failures_of_directory_units_add_up(sim_factory, tmp_path):
+    # Two directories saved whole fail (one of them empty), one is saved.
+    tree = {"a": {"f1": "1", "f2": "2"}, "b": {}, "c": {"f3": "3"}}
+    replies = [{"match": "OBJ\\(\\('\"/(a|b)\"'", "reply": "550 CPF3781 Object not found."}]
+    sim = sim_factory(tree=tree, config={"replies": replies})
+    r = backup(sim, tmp_path, include="/a\n/b\n/c\n", exclude=NO_SPECIALS)
+    assert "** Total Objects Failed   : 3" in r.out_lines, r.out
+    assert "** Total Objects Attempted: 4" in r.out_lines, r.out
+    assert r.status == 2
+    assert sorted(r.notbackedup) == ["/a", "/b"]
+    assert names(r) == ["/c"]
+
+
+@pytest.mark.parametrize("partial, missing, status, lines", [
+    (False, False, 0, []),
+    (True, False, 1, ["** Total Objects Partial  : 1"]),
+    (False, True, 1, []),
+])
+def test_partial_saves_and_missing_include_paths_are_not_success(sim_factory, tmp_path, partial,
+                                                                  missing, status, lines):
+    tree = {"data": {"f%02d.txt" % i: "x" for i in range(12)}}
+    config = {}
+    if partial:
+        config["replies"] = [{"match": "f03\\.txt", "apply": True,
+                              "reply": "550 CPF3771 12 objects saved. 3 objects not saved.."}]
+    include = "/data\n" + ("/nothere\n" if missing else "")
+    sim = sim_factory(tree=tree, config=config)
+    r = backup(sim, tmp_path, "-m", "0", "-p", "no", include=include, exclude=NO_SPECIALS)
+    assert r.status == status, r.out + r.err
+    totals = [l for l in r.out_lines if l.startswith("** Total Objects")]
+    assert totals[2:] == lines
+    assert totals[1] == "** Total Objects Failed   : %d" % (1 if missing else 0)
+    assert len(names(r)) == 12  # a partial save keeps its entry
+    if partial:
+        assert "Backup Success: /data/f03.txt" in r.out_lines
+        assert "/data/f03.txt: 3 objects not saved" in r.notbackedup
+    if missing:
+        assert "Object not found: /nothere" in r.out_lines
+        assert "/nothere" in r.notbackedup
+
+
+def test_the_archive_appears_only_when_whole(sim_factory, tmp_path):
+    old = tmp_path / "a.ctar"
+    old.write_bytes(b"yesterday's archive")
+    os.chmod(old, 0o644)
+    # A run that fails (the include list cannot be built) leaves the old
+    # archive as it was, and no temporary file.
+    broken = sim_factory(tree=SAMPLE, config={"replies": [
+        {"match": "^LIST /$", "reply": "550 Specified directory does not exist."}]})
+    r = backup(broken, tmp_path, include="/home\n")
+    assert r.status == 255, r.err
+    assert old.read_bytes() == b"yesterday's archive"
+    assert not list(tmp_path.glob("a.ctar.partial*"))
+    # A run that ends well replaces it; the new file is private.
+    r = backup(sim_factory(tree=SAMPLE), tmp_path)
+    assert r.status == 0, r.err
+    assert len(names(r)) == 6
+    assert os.stat(old).st_mode & 0o777 == 0o600
+    assert not list(tmp_path.glob("a.ctar.partial*"))
+
+
+def test_a_leftover_temporary_file_is_neither_used_nor_harmed(sim_factory, tmp_path):
+    leftover = tmp_path / "a.ctar.partial"
+    leftover.write_bytes(b"a run that died")
+    r = backup(sim_factory(tree=SAMPLE), tmp_path)
+    assert r.status == 0, r.err
+    assert leftover.read_bytes() == b"a run that died"
+    assert sorted(p.name for p in tmp_path.glob("a.ctar*")) == [
+        "a.ctar", "a.ctar.catalog", "a.ctar.nbu", "a.ctar.partial"] or len(names(r)) == 6

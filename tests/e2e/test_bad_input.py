@@ -27,6 +27,14 @@ def small_archive(sim_factory, tmp_path):
     return r.archive.read_bytes()
 
 
+def read_archive_bytes(data):
+    import tempfile
+    with tempfile.NamedTemporaryFile() as f:
+        f.write(data)
+        f.flush()
+        return read_archive(f.name)
+
+
 def restore_bytes(sim, tmp_path, data, name="bad.ctar"):
     path = tmp_path / name
     path.write_bytes(data)
@@ -35,12 +43,23 @@ def restore_bytes(sim, tmp_path, data, name="bad.ctar"):
 
 def test_a_flipped_bit_in_any_header_byte_is_caught(sim_factory, tmp_path, small_archive):
     sim = sim_factory(tree=EMPTY)
+    second = [e.offset for e in read_archive_bytes(small_archive)][1]
     for offset in range(0, 512, 7):  # a bit in every field, checksum included
+        # In the first header: no CTAR archive at all, nothing is sent.
         data = bytearray(small_archive)
         data[offset] ^= 1 << (offset % 8)
         r = restore_bytes(sim, tmp_path, bytes(data))
         assert r.status == 255, offset
-        assert "vondral: bad header checksum at offset 0x0" in r.err_lines, (offset, r.err)
+        assert r.err_lines == ["vondral: %s: not a CTAR archive: its first block is no CTAR "
+                               "header" % (tmp_path / "bad.ctar")], (offset, r.err)
+        # In a later header: the entries before it are restored, then the
+        # run ends.
+        data = bytearray(small_archive)
+        data[second + offset] ^= 1 << (offset % 8)
+        r = restore_bytes(sim, tmp_path, bytes(data))
+        assert r.status == 255, offset
+        assert "vondral: bad header checksum at offset 0x%X" % second in r.err_lines, (offset, r.err)
+    assert len(sim.sessions()) == len(range(0, 512, 7))
 
 
 def test_truncated_at_every_block_boundary(sim_factory, tmp_path, small_archive):
@@ -58,31 +77,34 @@ def test_not_archives(sim_factory, tmp_path):
         info = tarfile.TarInfo("hello.txt")
         info.size = 5
         tar.addfile(info, io.BytesIO(b"hello"))
-    cases = {"tar": buffer.getvalue(), "empty": b"", "text": b"not an archive\n" * 100,
-             "zeros": bytes(4096)}
-    for what, data in cases.items():
+    not_ctar = "not a CTAR archive: its first block is no CTAR header"
+    cases = {"tar": (buffer.getvalue(), not_ctar),
+             "text": (b"not an archive\n" * 100, not_ctar),
+             "zeros": (bytes(4096), not_ctar),
+             "empty": (b"", None)}
+    for what, (data, message) in cases.items():
         r = restore_bytes(sim, tmp_path, data, what)
         assert r.status == 255, what
-        assert ("vondral: bad header checksum" in r.err or "read short header" in r.err), what
+        if message:
+            assert r.err_lines == ["vondral: %s: %s" % (tmp_path / what, message)], what
+        else:
+            assert has_fail(r.err_lines, "restore", "read short header at offset 0x0"), r.err
     # /proc refuses direct I/O; the file is read the ordinary way, and its
     # text is no archive.
     r = restore(sim, "/proc/self/status")
-    assert r.status == 255 and r.err_lines == ["vondral: bad header checksum at offset 0x0"]
-    # A read that fails is reported after the header was judged.
+    assert r.status == 255 and r.err_lines == ["vondral: /proc/self/status: " + not_ctar]
     r = restore(sim, tmp_path)
     assert r.status == 255
-    assert r.err_lines[0] == "vondral: bad header checksum at offset 0x0"
-    assert re.fullmatch(r"vondral\[restore\.cpp,\d+\]: read\(%s, 0x[0-9A-F]+, 512\): "
-                        r"Is a directory" % re.escape(str(tmp_path)), r.err_lines[1])
+    assert len(r.err_lines) == 1 and re.fullmatch(
+        r"vondral\[restore\.cpp,\d+\]: read\(%s, 0x[0-9A-F]+, 512\): Is a directory"
+        % re.escape(str(tmp_path)), r.err_lines[0]), r.err
     r = restore(sim, tmp_path / "missing")
     assert r.status == 255
     assert has_fail(r.err_lines, "restore",
                     "open(%s): No such file or directory" % (tmp_path / "missing"))
-    # Every session was ended; nothing reached the server but the tar
-    # file's first entry, whose header is also a valid CTAR header.
-    sessions = sim.sessions()
-    assert len(sessions) == len(cases) + 3
-    assert [sim.lines(s) for s in sessions[1:]] == [LOGIN + ["QUIT"]] * (len(sessions) - 1)
+    # Nothing is sent to the server for a file that is no archive: the first
+    # block is judged before the login.
+    assert sim.sessions() == []
 
 
 def test_listing_garbage_nul_bytes_and_over_long_lines(sim_factory, tmp_path):
@@ -100,12 +122,15 @@ def test_listing_garbage_nul_bytes_and_over_long_lines(sim_factory, tmp_path):
 def test_over_long_include_lines_and_bad_credentials(sim_factory, tmp_path):
     sim = sim_factory(tree=TREE)
     inc = tmp_path / "inc"
-    inc.write_text("/" + "x" * 9000 + "\n/data\n")
+    inc.write_text("/data\n/" + "x" * 9000 + "\n")
     with open(tmp_path / "list", "w") as out:
         r = vondral("-s", sim.addr, "-c", creds(), "-i", inc, "-l", out.fileno(),
                     pass_fds=(out.fileno(),))
-    assert r.status == 255  # the over-long pieces cannot be listed
-    assert "/data/a.txt" in (tmp_path / "list").read_text().splitlines()
+    # Refused as a whole before the login: no line can name a server path
+    # that long.
+    assert r.status == 255
+    assert r.err_lines[0] == "vondral: %s, line 2: longer than 4095 characters" % inc
+    assert (tmp_path / "list").read_text() == "" and sim.sessions() == []
     empty = tmp_path / "empty.key"
     empty.write_text("")
     r = vondral("-s", sim.addr, "-c", "qsecofr:file:%s" % empty, "-t")

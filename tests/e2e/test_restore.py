@@ -6,6 +6,7 @@ SIGTERM during a restore belong to the fault matrix (test_faults.py)."""
 import io
 import random
 import re
+import tarfile
 from types import SimpleNamespace
 
 import pytest
@@ -179,6 +180,8 @@ def test_include_and_exclude_choose_parts_and_new_places(source, sim_factory, tm
         "/home/bob :: /restored/bob",
         "/QSYS.LIB/PAYROLL.LIB :: /QSYS.LIB/PAYTEST.LIB",
         "/QSYS.LIB/*",  # wild cards play no part in a restore
+        "/Security Data",
+        "/System Configuration",
     ])
     exclude = path_file(tmp_path, "exclude.txt", ["/home/alice/a b/empty dir",
                                                   "/System Configuration"])
@@ -193,7 +196,7 @@ def test_include_and_exclude_choose_parts_and_new_places(source, sim_factory, tm
         rst("/home/alice/notes.txt", "/restored/notes.txt"),
         rst("/home/bob", "/restored/bob"),
         RSTLIB % ("PAYROLL", "PAYTEST"),
-        RSTUSRPRF,  # never tested against the include file
+        RSTUSRPRF,  # named by the include file
         RSTAUT]
     assert sim.lines().count(STOR) == 4
     assert "vondral: /QSYS.LIB/SALES.LIB: not included" in r.err_lines
@@ -215,18 +218,39 @@ def test_include_and_exclude_choose_parts_and_new_places(source, sim_factory, tm
     assert digest["QSYS.LIB/PAYTEST.LIB/EMP.FILE"] == src["QSYS.LIB/PAYROLL.LIB/EMP.FILE"]
 
 
+@pytest.mark.parametrize("lines, restored", [
+    # One library under a new name: user profiles and configuration stay as
+    # they are on the server.
+    (["/QSYS.LIB/PAYROLL.LIB :: /QSYS.LIB/PAYTEST.LIB"], [RSTLIB % ("PAYROLL", "PAYTEST")]),
+    (["/QSYS.LIB/PAYROLL.LIB", "/Security Data"],
+     [RSTUSRPRF, RSTLIB % ("PAYROLL", "*SAVLIB"), RSTAUT]),
+    (["/System Configuration"], [RSTCFG]),
+])
+def test_with_an_include_file_profiles_and_configuration_come_back_only_when_named(
+        source, sim_factory, tmp_path, lines, restored):
+    archive = tmp_path / "a.ctar"
+    ctarlib.write_archive(archive, [source.entry(p) for p in (
+        "/Security Data", "/System Configuration", "/QSYS.LIB/PAYROLL.LIB")])
+    sim = sim_factory()
+    r = restore(sim, archive, "-i", path_file(tmp_path, "include.txt", lines), "-v")
+    assert r.status == 0, r.err
+    assert restore_commands(sim) == restored
+    for special in ("/Security Data", "/System Configuration"):
+        assert ("vondral: %s: not included" % special in r.err_lines) == (special not in lines)
+
+
 def test_a_library_the_server_cannot_restore_fails_with_the_servers_reply(sim_factory, tmp_path):
     archive = tmp_path / "bad.ctar"
     ctarlib.write_archive(archive, [Entry("/QSYS.LIB/BAD.LIB", b"not a save file" * 100,
                                           directory=True)])
     r = restore(sim_factory(), archive)
-    assert r.status == 255
+    assert r.status == 1  # read to its end, one entry failed
     assert has_fail(r.err_lines, "ftp", "RSTLIB command failed")
     assert "  550 CPF3743 Save file SAVTEMP in QTEMP contains data that cannot be restored." \
         in r.err_lines
     assert has_fail(r.err_lines, "restore", "library restore failed")
     assert has_fail(r.err_lines, "restore", "failed to restore object at offset 0x0")
-    assert not any(l.startswith(("Restore Success", "Restored ")) for l in r.out_lines)
+    assert not any(l.startswith("Restore Success") for l in r.out_lines)
 
 
 def test_damaged_archives_end_the_run_but_authorities_still_come_back(source, sim_factory,
@@ -245,10 +269,11 @@ def test_damaged_archives_end_the_run_but_authorities_still_come_back(source, si
     assert "Restore Success: /Security Data" in r.out_lines
 
     # A size field that is not octal digits ended by a NUL.
-    ctarlib.write_archive(archive, [ctarlib.header("/home/x", 0, size_bytes=b"0000000012x\0")])
+    ctarlib.write_archive(archive, [profiles, ctarlib.header("/home/x", 0,
+                                                             size_bytes=b"0000000012x\0")])
     r = restore(sim, archive)
     assert r.status == 255
-    assert has_fail(r.err_lines, "restore", "bad file size at offset 0x0")
+    assert has_fail(r.err_lines, "restore", "bad file size at offset 0x%X" % first)
 
     # An archive that ends inside an entry's data.
     whole = ctarlib.write_archive(archive, [profiles, bob])
@@ -262,3 +287,94 @@ def test_damaged_archives_end_the_run_but_authorities_still_come_back(source, si
     assert has_fail(r.err_lines, "restore", "read short header at offset 0x%X"
                     % ctarlib.entry_offsets([profiles, bob, b""])[2])
     assert restore_commands(sim)[before:] == [RSTUSRPRF, rst("/home/bob"), RSTAUT]
+
+
+@pytest.mark.parametrize("failing, status", [(None, 0), (0, 1), (1, 1), (2, 1)])
+def test_the_status_counts_every_failed_entry_not_just_the_last(source, sim_factory, tmp_path,
+                                                                failing, status):
+    # A later success no longer hides an earlier failure.
+    entries = [source.entry(p) for p in ("/home/alice", "/home/bob", "/QSYS.LIB/SALES.LIB")]
+    if failing is not None:
+        bad = entries[failing]
+        entries[failing] = Entry(bad.name, b"not a save file" * 40, directory=True)
+    archive = tmp_path / "a.ctar"
+    ctarlib.write_archive(archive, entries)
+    r = restore(sim_factory(), archive)
+    assert r.status == status, r.err
+    successes = [line for line in r.out_lines if line.startswith("Restore Success: ")]
+    assert len(successes) == 3 - (failing is not None), r.out
+    # The archive was read to its end either way.
+    assert any(line.startswith("Restored ") for line in r.out_lines), r.out
+
+
+def gnu_tar_bytes():
+    buffer = io.BytesIO()
+    with tarfile.open(fileobj=buffer, mode="w", format=tarfile.GNU_FORMAT) as tar:
+        info = tarfile.TarInfo("o")
+        info.size = 5
+        tar.addfile(info, io.BytesIO(b"hello"))
+    return buffer.getvalue()
+
+
+@pytest.mark.parametrize("through_stdin", [False, True])
+def test_a_tar_file_is_refused_before_anything_is_sent(sim_factory, tmp_path, through_stdin):
+    # A tar member's header passes the checksum a restore checks; it must
+    # still never be uploaded and restored as a save file.
+    data = gnu_tar_bytes()
+    path = tmp_path / "x.tar"
+    path.write_bytes(data)
+    sim = sim_factory()
+    if through_stdin:
+        r = restore(sim, "-", input=data)
+        shown = "-"
+    else:
+        r = restore(sim, path)
+        shown = str(path)
+    assert r.status == 255
+    assert r.err_lines == ["vondral: %s: not a CTAR archive: its first block is no CTAR header"
+                           % shown]
+    assert sim.sessions() == []
+
+
+def test_a_header_behind_a_good_entry_that_no_backup_wrote_ends_the_restore(source, sim_factory,
+                                                                           tmp_path):
+    bob = source.entry("/home/bob")
+    archive = tmp_path / "mixed.ctar"
+    ctarlib.write_archive(archive, [bob, gnu_tar_bytes()[:1024]])
+    at = ctarlib.entry_offsets([bob, b""])[1]
+    r = restore(sim_factory(), archive)
+    assert r.status == 255
+    assert "Restore Success: /home/bob" in r.out_lines
+    assert any(re.fullmatch(r"vondral: bad header at offset 0x%X: its .* is not as a backup "
+                            r"writes it" % at, line) for line in r.err_lines), r.err
+
+
+def test_entries_hidden_behind_the_end_block_are_reported(source, sim_factory, tmp_path):
+    # An archive written before failed retrievals were cut back: a partial
+    # save file behind the end block, then later entries.
+    bob, alice = source.entry("/home/bob"), source.entry("/home/alice")
+    visible = ctarlib.archive_bytes([bob])
+    hidden = b"\x07" * 1500 + ctarlib.archive_bytes([alice])[512:]
+    archive = tmp_path / "hidden.ctar"
+    archive.write_bytes(visible + hidden)
+    r = restore(sim_factory(), archive)
+    assert r.status == 1
+    assert "Restore Success: /home/bob" in r.out_lines
+    end = len(visible) - 512
+    assert ("vondral: %d bytes lie behind the end block at offset 0x%X: entries there were not "
+            "restored (ctar salvage recovers them)" % (len(hidden), end)) in r.err_lines
+
+
+@pytest.mark.parametrize("name, directory, restored_as", [
+    ("/home/xfer/PTF.savf", False, "/home/xfer/PTF.savf"),
+    ("/a.savfile", False, "/a.savfile"),
+    ("/home/d.savf.old", True, "/home/d.savf.old"),
+    ("/home/bob", True, "/home/bob"),  # the directory suffix goes again
+])
+def test_names_are_read_back_as_written(source, sim_factory, tmp_path, name, directory,
+                                        restored_as):
+    archive = tmp_path / "n.ctar"
+    ctarlib.write_archive(archive, [Entry(name, source.images["/home/bob"], directory=directory)])
+    sim = sim_factory(tree={"home": {"xfer": {}}})
+    restore(sim, archive)
+    assert rst(restored_as) in restore_commands(sim), restore_commands(sim)
