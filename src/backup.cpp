@@ -1257,6 +1257,7 @@ ArchiveAppend::~ArchiveAppend() {
       VFAIL("the archive could not be cut back: nothing more is appended\n");
       ArchiveBroken = true;
     }
+    writer_->bytes = 0;  // nothing of it is in the archive
   }
   writer_->pending = 0;
   ReleaseArchiveReserve(writer_);

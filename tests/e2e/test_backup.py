@@ -4,6 +4,7 @@ test_faults.py; the tests here that ThreadSanitizer runs (tsan-backup)
 put several workers under a signal, a broken retrieval and load."""
 import os
 import re
+import subprocess
 import time
 
 import pytest
@@ -11,7 +12,7 @@ import pytest
 import simlib
 from ctarread import read_archive
 from simlib import File
-from vlib import Run, after, backup, has_fail, terminated
+from vlib import Run, after, backup, creds, has_fail, terminated
 
 OLD = time.time() - 3 * 365 * 86400
 CUTOFF = int(time.time() - 86400)
@@ -237,11 +238,32 @@ def test_the_archive_appears_only_when_whole(sim_factory, tmp_path):
     assert not list(tmp_path.glob("a.ctar.partial*"))
 
 
-def test_a_leftover_temporary_file_is_neither_used_nor_harmed(sim_factory, tmp_path):
-    leftover = tmp_path / "a.ctar.partial"
-    leftover.write_bytes(b"a run that died")
-    r = backup(sim_factory(tree=SAMPLE), tmp_path)
-    assert r.status == 0, r.err
-    assert leftover.read_bytes() == b"a run that died"
-    assert sorted(p.name for p in tmp_path.glob("a.ctar*")) == [
-        "a.ctar", "a.ctar.catalog", "a.ctar.nbu", "a.ctar.partial"] or len(names(r)) == 6
+@pytest.mark.parametrize("leftover", [False, True])
+def test_while_the_backup_runs_the_old_archive_stays_and_a_new_name_is_written(sim_factory,
+                                                                              tmp_path, leftover):
+    old = tmp_path / "a.ctar"
+    old.write_bytes(b"yesterday's archive")
+    if leftover:
+        (tmp_path / "a.ctar.partial").write_bytes(b"a run that died")
+    sim = sim_factory(tree=SAMPLE, config={"faults": [
+        {"match": "^RETR", "nth": 3, "action": "delay", "seconds": 1}]})
+    proc = subprocess.Popen([str(simlib.vondral_bin()), "-s", sim.addr, "-c", creds(), "-x", "no",
+                             "-b", str(old)], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    try:
+        deadline = time.monotonic() + 20
+        while sum(1 for c in sim.lines() if c.startswith("RETR")) < 3:
+            assert time.monotonic() < deadline and proc.poll() is None
+            time.sleep(0.02)
+        during = sorted(p.name for p in tmp_path.glob("a.ctar*"))
+        assert old.read_bytes() == b"yesterday's archive"
+    finally:
+        out, err = proc.communicate(timeout=60)
+    assert proc.returncode == 0, err
+    if leftover:
+        assert len(during) == 3 and during[2].startswith("a.ctar.partial.")
+        assert (tmp_path / "a.ctar.partial").read_bytes() == b"a run that died"
+    else:
+        assert during == ["a.ctar", "a.ctar.partial"]
+    after_run = sorted(p.name for p in tmp_path.glob("a.ctar*"))
+    assert after_run == ["a.ctar"] + (["a.ctar.partial"] if leftover else [])
+    assert len(read_archive(old)) == 6

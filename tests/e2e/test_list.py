@@ -1,6 +1,8 @@
 """List mode: the objects directly under each include path, one per line."""
 import os
 
+import pytest
+
 from simlib import File
 from vlib import creds, has_fail, vondral
 
@@ -74,3 +76,35 @@ def test_empty_include_file_is_refused(sim_factory, tmp_path):
     assert r.status == 255
     assert "vondral: empty include list" in r.err_lines
     assert lines == []
+
+
+def split_listing(at):
+    """Listing lines for extra_list_lines whose bytes (each line and its
+    CR LF) put a line's CR at offset `at`, its LF at `at` + 1."""
+    lines, used, i = [], 0, 0
+    while True:
+        line = "-rw-r--r--   1 QSYS     0             10 Jan  2  2009 f%05d" % i
+        if used + len(line) + 2 > at - 80:
+            break
+        lines.append(line)
+        used += len(line) + 2
+        i += 1
+    last = "-rw-r--r--   1 QSYS     0             10 Jan  2  2009 "
+    lines.append(last + "z" * (at - used - len(last)))
+    assert used + len(lines[-1]) == at
+    return lines
+
+
+@pytest.mark.parametrize("boundary", [65536 - 1, 2 * 65536 - 1])
+def test_a_line_end_split_across_two_data_blocks_is_one_line_end(sim_factory, tmp_path,
+                                                                   boundary):
+    # The server's listing of an empty directory is exactly these lines, so
+    # the CR of one falls on the last byte of a 64 KiB block and its LF on
+    # the first byte of the next, followed by one more line.
+    lines = split_listing(boundary)
+    tail = "drwxr-xr-x   2 QSYS     0           8192 Mar  5 14:07 after"
+    sim = sim_factory(tree={"big": {}}, config={"extra_list_lines": {"/big": lines + [tail]}})
+    r, out = run_list(sim, tmp_path, include="/big\n")
+    assert r.status == 0, r.err
+    names = [line.rsplit(" ", 1)[1] for line in lines]
+    assert out == ["/big/" + n for n in names] + ["/big/after/"]
