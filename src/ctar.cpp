@@ -470,10 +470,8 @@ void PrintJsonEntry(FILE* out, const EntryView& view, bool first) {
 // Walking an archive the way a restore does (list, extract)
 // ---------------------------------------------------------------------------
 
-// Whether the first block makes the file a CTAR archive: the sentinel of an
-// empty one, or an entry header as a backup writes it. A tar archive starts
-// with a header whose checksum a restore would accept (tar and CTAR sum the
-// same bytes when they are all ASCII), yet it is no CTAR archive.
+// Whether the first block makes the file a CTAR archive; a restore asks the
+// same question before it logs in.
 bool LooksLikeArchiveStart(int, const unsigned char* block) { return CtarArchiveStart(block); }
 
 // The data of one entry, taken by the sequential reader: skipped, or copied
