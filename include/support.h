@@ -52,10 +52,12 @@ size_t AppendBounded(char* dst, size_t cap, const char* src);
 
 // Writes all of length bytes, going on after a signal and after a short
 // write. Gives length; fewer when the file took no more (errno ENOSPC); -1
-// when a write failed (errno set), whatever went out before.
-ssize_t WriteFull(int descriptor, const void* data, size_t length);
+// when a write failed (errno set), whatever went out before. With `done`,
+// the bytes that did go out are stored there in every case.
+ssize_t WriteFull(int descriptor, const void* data, size_t length, size_t* done = nullptr);
 // The same at an offset, leaving the file position alone.
-ssize_t PwriteFull(int descriptor, const void* data, size_t length, int64_t offset);
+ssize_t PwriteFull(int descriptor, const void* data, size_t length, int64_t offset,
+                   size_t* done = nullptr);
 
 // Decimal and binary scaling of byte counts for report lines. The two rules
 // differ on purpose: per-object lines step by 1000 above 2000 ("K", "M",

@@ -7,8 +7,8 @@ for its layout, the command line and the configuration keys.
 Control connections are handled by pyftpdlib, one thread per session.
 Data connections are served by the session's own thread with plain
 blocking-style socket loops: that keeps byte-exact control for the fault
-injection (drop after n bytes, stall, chunked listings) and lets a slow or
-sleeping session never hold up another one.
+injection (drop after n bytes, stall, drip, pace, chunked listings) and
+lets a slow or sleeping session never hold up another one.
 """
 
 import argparse
@@ -51,10 +51,13 @@ SAVF_NAME_RE = re.compile(
     r"^(?:(QTEMP|\*LIBL|\*CURLIB)/)?([A-Z0-9_#@$]{1,10})$", re.I)
 
 POLL = 0.25          # how often blocked loops look at STOP
+TALK_PACE = 0.01     # seconds between the lines of a reply that never ends
 IO_CHUNK = 1 << 20   # receive buffer for STOR
 SEND_CHUNK = 1 << 22  # sendfile request size for RETR
 
-DATA_ACTIONS = ("close_data_after", "stall_data", "close_after_data")
+DATA_ACTIONS = ("close_data_after", "stall_data", "close_after_data",
+                "drip_data", "pace_data")
+PACE_STEP = 0.05     # seconds between the chunks of a paced transfer
 
 
 class Rule:
@@ -74,7 +77,7 @@ class Rule:
                 self.action = action
                 self.params = {k: v for k, v in entry.items()
                                if k not in ("match", "nth", "action")}
-            known = ("close", "delay") + DATA_ACTIONS
+            known = ("close", "delay", "endless_reply") + DATA_ACTIONS
             if self.action not in known:
                 raise ValueError("unknown fault action %r" % (self.action,))
         else:
@@ -121,6 +124,10 @@ class SimState:
                                        max(1, int(v.get("per_directory",
                                                         1000))))
         self._synthetic_cache = {}
+        # hostile servers: trees without a bottom, listings cut short
+        self.endless = {norm(p) for p in config.get("endless_depth", [])}
+        self.unterminated = {norm(p) for p in
+                             config.get("unterminated_last_line", [])}
 
     # --- log
 
@@ -246,9 +253,21 @@ class SimState:
         return None
 
     def synthetic_entries_in(self, path):
-        """Names of synthetic roots directly inside the directory path."""
-        return sorted(p.rpartition("/")[2] for p in self.synthetic
-                      if (p.rpartition("/")[0] or "/") == path)
+        """Names of synthetic and endless roots directly inside the
+        directory path."""
+        return sorted({p.rpartition("/")[2]
+                       for p in list(self.synthetic) + list(self.endless)
+                       if (p.rpartition("/")[0] or "/") == path})
+
+    def endless_listing(self, path, names_only):
+        """Listing bytes of an endless_depth path or of any depth of "d"
+        below it (one directory "d"), None for any other path."""
+        for top in self.endless:
+            below = path[len(top):] if path.startswith(top) else None
+            if below is not None and re.fullmatch(r"(?:/d)*", below):
+                return _synthetic_lines(["d"], True, names_only, self.config,
+                                        self._synthetic_dates())
+        return None
 
     def _synthetic_dates(self):
         dates = self._synthetic_cache.get("dates")
@@ -318,6 +337,7 @@ class SimHandler(FTPHandler):
         self._data_faults = []
         self._cur_line = ""
         self._gone = False
+        self._greeting_talks = False
         self.timeout = int(self.state.config.get("idle_timeout", 300))
         super().__init__(conn, server, ioloop)
 
@@ -338,9 +358,26 @@ class SimHandler(FTPHandler):
         lines = self.state.config.get("greeting", DEFAULT_GREETING)
         if isinstance(lines, str):
             lines = [lines]
+        if self.state.config.get("endless_greeting"):
+            # Every line a continuation line; the session's own thread then
+            # goes on talking (see add_channel).
+            for line in lines:
+                self.push("220-%s\r\n" % line)
+            self._greeting_talks = True
+            return
         for line in lines[:-1]:
             self.push("220-%s\r\n" % line)
         self.push("220 %s\r\n" % (lines[-1] if lines else ""))
+
+    def add_channel(self, map=None, events=None):
+        super().add_channel(map, events)
+        # handle() runs in the thread that accepts connections, which must
+        # never block; the session's thread registers the connection with
+        # its own loop here, and a greeting that never ends is talked there.
+        if self._greeting_talks and self.ioloop is not self.server.ioloop:
+            self._greeting_talks = False
+            self.call_later(0, self._talk_forever, "220",
+                            "The greeting goes on")
 
     def close(self):
         if not self._gone:
@@ -369,6 +406,36 @@ class SimHandler(FTPHandler):
         except OSError:
             pass
         self.close()
+
+    def _talk_forever(self, code, text):
+        """Send continuation lines "code-text (n)." one every TALK_PACE
+        seconds, never the final line, until the client closes the control
+        connection or the server stops; then the session is dropped. What
+        the client sends meanwhile is read and ignored."""
+        sock = self.socket
+        # replies still queued by the connection go out first, in order
+        pending = b"".join(bytes(p) for p in self.producer_fifo if p)
+        self.producer_fifo.clear()
+        n = 0
+        next_line = time.monotonic()
+        while not STOP.is_set() and not self._closed:
+            now = time.monotonic()
+            if now >= next_line and len(pending) < 65536:
+                n += 1
+                pending += ("%s-%s (%d).\r\n" % (code, text, n)).encode()
+                next_line = now + TALK_PACE
+            r, w, _ = select.select([sock], [sock] if pending else [], [],
+                                    max(0.0, min(POLL, next_line - now)))
+            try:
+                if r and not sock.recv(65536):
+                    break  # the client hung up
+                if w:
+                    pending = pending[sock.send(pending):]
+            except (BlockingIOError, InterruptedError):
+                pass
+            except OSError:
+                break
+        self._drop_session()
 
     def _restart_idle_timer(self):
         if self._idler is not None and not self._idler.cancelled:
@@ -405,6 +472,9 @@ class SimHandler(FTPHandler):
             if rule.action == "delay":
                 STOP.wait(float(rule.params.get("seconds", 1)))
         if STOP.is_set():
+            return
+        if any(r.action == "endless_reply" for r in fired):
+            self._talk_forever("250", "The reply goes on")
             return
         reply = st.reply_for(line)
         if reply is not None and not reply.apply:
@@ -695,6 +765,55 @@ class SimHandler(FTPHandler):
             offset += n
         return offset
 
+    def _drip(self, conn, pieces, size, interval):
+        """Send the data `size` bytes every `interval` seconds, starting over
+        at its end (NUL bytes when there is none), so it never ends.
+
+        Ends like a stall: when the client closes the data connection or its
+        control connection, sends another command, or the server stops.
+        """
+        drops = _drops(pieces, max(1, size))
+        ctrl = self.socket
+        pending = b""
+        next_drop = time.monotonic()
+        while not STOP.is_set():
+            now = time.monotonic()
+            if now >= next_drop and not pending:
+                # a client that does not read gets no more than it takes
+                pending = next(drops)
+                next_drop = now + interval
+            r, w, _ = select.select([conn, ctrl], [conn] if pending else [],
+                                    [], max(0.0, min(POLL, next_drop - now)))
+            try:
+                if conn in r and not conn.recv(65536):
+                    return
+                if w:
+                    pending = pending[conn.send(pending):]
+            except (BlockingIOError, InterruptedError):
+                pass
+            except OSError:
+                return
+            if ctrl in r:
+                return
+
+    def _send_paced(self, conn, pieces, rate):
+        """Send all the data, a chunk every PACE_STEP seconds, at about
+        `rate` bytes per second. True when it all went out."""
+        step = max(1, int(rate * PACE_STEP))
+        start = time.monotonic()
+        sent = 0
+        try:
+            for chunk in _chunks(pieces, step):
+                sent += self._send(conn, chunk, None)
+                # ahead of the pace: wait until the rate allows the next one
+                STOP.wait(max(0.0, start + sent / rate - time.monotonic()))
+                if STOP.is_set():
+                    raise DataAborted("server stopping")
+        except DataAborted:
+            self._aborted()
+            return False
+        return True
+
     def _stall(self, conn):
         """Keep the data connection open without sending anything more.
 
@@ -776,6 +895,16 @@ class SimHandler(FTPHandler):
         kind "bytes": value is bytes; "file": (fd, size).
         Returns True when everything went out, False after an abort.
         """
+        drip = self.fault("drip_data")
+        if drip is not None:
+            self._drip(conn, pieces, int(drip.params.get("bytes", 1)),
+                       float(drip.params.get("interval", 1)))
+            self._aborted()
+            return False
+        pace = self.fault("pace_data")
+        if pace is not None:
+            return self._send_paced(conn, pieces,
+                                    float(pace.params["bytes_per_second"]))
         drop = self.fault("close_data_after")
         stall = self.fault("stall_data")
         budget = None
@@ -827,6 +956,10 @@ class SimHandler(FTPHandler):
             synthetic = st.synthetic_listing(path, names_only)
             if synthetic is not None:
                 return synthetic
+        if st.endless:
+            endless = st.endless_listing(path, names_only)
+            if endless is not None:
+                return endless
         if fs is None or not os.path.lexists(fs):
             return None
         cfg = st.config
@@ -845,7 +978,8 @@ class SimHandler(FTPHandler):
                                  listing.entry_line(p, n, owner, group, now))
                 except OSError:
                     continue
-            for n in st.synthetic_entries_in(path) if st.synthetic else ():
+            for n in st.synthetic_entries_in(path) \
+                    if st.synthetic or st.endless else ():
                 if n not in names:
                     lines.append(n if names_only else
                                  listing.format_line(
@@ -873,6 +1007,8 @@ class SimHandler(FTPHandler):
         if not self._need_pasv():
             return
         payload = self._list_payload(path, st.fs_path(path), names_only)
+        if payload and path in st.unterminated and payload.endswith(b"\r\n"):
+            payload = payload[:-2]  # the last line loses its line end
         missing = "550 Specified directory does not exist or cannot be " \
                   "accessed."
         self.respond("125 List started.")
@@ -1303,6 +1439,27 @@ class SimHandler(FTPHandler):
 
     def cl_RSTAUT(self, params):
         return "250 Command RSTAUT successful."
+
+
+def _chunks(pieces, size):
+    """The (kind, value) pieces of a transfer as chunks of at most `size`
+    bytes (a chunk never spans two pieces). Files are read chunk by chunk,
+    however large they are."""
+    for kind, value in pieces:
+        length = len(value) if kind == "bytes" else value[1]
+        for at in range(0, length, size):
+            n = min(size, length - at)
+            yield value[at:at + n] if kind == "bytes" \
+                else os.pread(value[0], n, at)
+
+
+def _drops(pieces, size):
+    """The pieces as an endless series of `size`-byte drops, starting over
+    at their end; NUL bytes when there is no data at all."""
+    if not any(len(v) if k == "bytes" else v[1] for k, v in pieces):
+        pieces = [("bytes", b"\0")]
+    while True:
+        yield from _chunks(pieces, size)
 
 
 def _unshare(path):

@@ -371,9 +371,14 @@ int CloseEntry(ArchiveAppend* append, const ObjectFile* object) {
     return -1;
   }
   BuildCtarHeader(block, object->name, static_cast<uint64_t>(writer->bytes), object->mode, object->mtime);
-  append->TouchEndBlock();
-  if (PwriteFull(descriptor, block, CtarBlockSize, append->Start() - static_cast<off64_t>(CtarBlockSize)) !=
-      static_cast<ssize_t>(CtarBlockSize)) {
+  size_t written = 0;
+  ssize_t result =
+      PwriteFull(descriptor, block, CtarBlockSize, append->Start() - static_cast<off64_t>(CtarBlockSize), &written);
+  // Only a header that went out in part spoils the old end block; one that
+  // did not go out at all leaves it as it was, with nothing to write back
+  // on a disk that may be full.
+  if (written > 0 && written < CtarBlockSize) append->TouchEndBlock();
+  if (result != static_cast<ssize_t>(CtarBlockSize)) {
     VFAIL("CTAR header failed to update: %s\n", strerror(errno));
     return -1;
   }

@@ -150,32 +150,39 @@ int FormatBounded(char* dst, size_t cap, const char* format, ...) {
 namespace {
 
 template <typename Step>
-ssize_t WriteAll(size_t length, Step step) {
+ssize_t WriteAll(size_t length, size_t* done_out, Step step) {
   size_t done = 0;
-  while (done < length) {
+  ssize_t result = -1;
+  for (;;) {
+    if (done == length) {
+      result = static_cast<ssize_t>(done);
+      break;
+    }
     ssize_t n = step(done);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return -1;
+    if (n < 0) break;
     if (n == 0) {
       errno = ENOSPC;
+      result = static_cast<ssize_t>(done);
       break;
     }
     done += static_cast<size_t>(n);
   }
-  return static_cast<ssize_t>(done);
+  if (done_out) *done_out = done;
+  return result;
 }
 
 }  // namespace
 
-ssize_t WriteFull(int descriptor, const void* data, size_t length) {
+ssize_t WriteFull(int descriptor, const void* data, size_t length, size_t* done) {
   const char* bytes = static_cast<const char*>(data);
-  return WriteAll(length, [&](size_t done) { return write(descriptor, bytes + done, length - done); });
+  return WriteAll(length, done, [&](size_t at) { return write(descriptor, bytes + at, length - at); });
 }
 
-ssize_t PwriteFull(int descriptor, const void* data, size_t length, int64_t offset) {
+ssize_t PwriteFull(int descriptor, const void* data, size_t length, int64_t offset, size_t* done) {
   const char* bytes = static_cast<const char*>(data);
-  return WriteAll(length, [&](size_t done) {
-    return pwrite64(descriptor, bytes + done, length - done, static_cast<off64_t>(offset) + static_cast<off64_t>(done));
+  return WriteAll(length, done, [&](size_t at) {
+    return pwrite64(descriptor, bytes + at, length - at, static_cast<off64_t>(offset) + static_cast<off64_t>(at));
   });
 }
 

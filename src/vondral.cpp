@@ -710,7 +710,7 @@ int VondralMain(int argc, char** argv) {
   FtpSession* session = NewSession(Settings.server, "ftp");
   if (!session) {
     DiscardArchiveFile();
-    return 255;
+    return TerminationRequested.load() ? TerminationStatus() : 255;
   }
   if (Login(session, Settings.user, Settings.passphrase) != 0) {
     VFAIL("login failed\n");

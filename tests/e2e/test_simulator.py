@@ -9,6 +9,7 @@ import contextlib
 import ftplib
 import io
 import os
+import select
 import socket
 import threading
 import time
@@ -448,3 +449,146 @@ def test_tree_helpers_detect_every_kind_of_difference(tmp_path):
     assert "only in %s: d/e" % a in diffs and "only in %s: d/new" % b in diffs
     assert simlib.compare_trees(a, b, modes=False, exclude=["d/e", "d/new", "d/l"]) == []
     assert simlib.cl_path("/a \"b\"/it's") == "'\"/a \"\"b\"\"/it''s\"'"
+
+
+# --- hostile servers: replies without end, dripping data, bottomless trees
+
+
+def read_for(sock, seconds):
+    """What arrives on sock within `seconds` (less when it is closed)."""
+    sock.settimeout(0.05)
+    got = b""
+    deadline = time.monotonic() + seconds
+    for _ in range(100000):
+        if time.monotonic() >= deadline:
+            break
+        try:
+            chunk = sock.recv(65536)
+        except socket.timeout:
+            continue
+        if not chunk:
+            break
+        got += chunk
+    return got
+
+
+def session_ended(sim, session, seconds=5):
+    deadline = time.monotonic() + seconds
+    for _ in range(1000):
+        if any(r.get("session") == session and r.get("event") == "disconnect"
+               for r in sim.records()):
+            return True
+        if time.monotonic() >= deadline:
+            break
+        time.sleep(0.05)
+    return False
+
+
+@pytest.mark.parametrize("ending", ["client hangs up", "server stops"])
+@pytest.mark.parametrize("config, command, code, first", [
+    ({"endless_greeting": True}, None, b"220-", b"220-QTCP at SIM.EXAMPLE."),
+    ({"faults": [{"match": "^NOOP$", "action": "endless_reply"}]}, b"NOOP\r\n", b"250-",
+     None),
+], ids=["greeting", "reply"])
+def test_endless_replies_never_end_until_one_side_does(sim_factory, config, command, code,
+                                                       first, ending):
+    sim = sim_factory(config=config)
+    if command is None:
+        sock = socket.create_connection((sim.addr, 21), timeout=5)
+        hang_up = sock.close
+    else:
+        f = sim.ftp()
+        sock, hang_up = f.sock, f.close  # its reader holds the socket too
+        sock.sendall(command)
+    lines = read_for(sock, 1.5).split(b"\r\n")[:-1]  # the last one may be cut
+    # one line every 10 ms: far more than a reply has, none of them final
+    assert len(lines) >= 20 and all(line.startswith(code) for line in lines), lines[:30]
+    assert first is None or lines[0] == first
+    if ending == "client hangs up":
+        hang_up()
+        assert session_ended(sim, 1)
+    else:
+        t0 = time.monotonic()
+        sim.stop()
+        assert sim.exit_status == 0 and time.monotonic() - t0 < 3
+        sock.settimeout(3)
+        assert not all(sock.recv(65536) for _ in range(1000))  # what was left, then the end
+        hang_up()
+
+
+@pytest.mark.parametrize("command", ["RETR /d/f.bin", "LIST /d"])
+def test_drip_data_sends_a_few_bytes_at_a_time_forever(sim_factory, command):
+    content = os.urandom(300)
+    sim = sim_factory(tree={"d": {"f.bin": content}}, config={"faults": [
+        {"match": "^(RETR|LIST)", "nth": 1, "action": "drip_data",
+         "bytes": 40, "interval": 0.1}]})
+    f = sim.ftp()
+    f.voidcmd("TYPE I")
+    conn = f.transfercmd(command)
+    got = read_for(conn, 2.0)
+    # after the first transfer the fault is spent: the real data, in one go
+    payload = content if command.startswith("RETR") else None
+    assert not select.select([f.sock], [], [], 0)[0]  # no final reply meanwhile
+    conn.close()  # the client gives up
+    assert reply(f).startswith("426")
+    if payload is None:
+        payload = drain(f.transfercmd(command))
+        assert reply(f).startswith("2")
+    # about 20 drops of at most 40 bytes in 2 s: the data, over and over
+    assert len(payload) < len(got) <= 25 * 40
+    assert got == (payload * (len(got) // len(payload) + 1))[:len(got)]
+    assert f.sendcmd("NOOP").startswith("2")
+    f.quit()
+
+
+def test_pace_data_sends_everything_at_the_rate(sim_factory):
+    content = os.urandom(150000)
+    sim = sim_factory(tree={"f.bin": content}, config={"faults": [
+        {"match": "^RETR", "nth": 1, "action": "pace_data", "bytes_per_second": 100000}]})
+    f = sim.ftp()
+    took = []
+    for _ in range(2):  # paced, then (the fault spent) at full speed
+        t0 = time.monotonic()
+        assert retr(f, "/f.bin") == content
+        took.append(time.monotonic() - t0)
+    assert 1.3 < took[0] < 3 and took[1] < 0.5, took
+    f.quit()
+
+
+def test_endless_depth_lists_one_directory_d_at_every_depth(sim_factory):
+    sim = sim_factory(tree={"home": {"x.txt": "1"}}, config={"endless_depth": ["/home/deep"]})
+    f = sim.ftp()
+    parent = list_raw(f, "/home")[0].decode().split("\r\n")[:-1]
+    by_name = {line.split(None, 8)[8]: line for line in parent}
+    assert sorted(by_name) == ["deep", "x.txt"] and by_name["deep"].startswith("d")
+    for depth in (0, 1, 7, 60):
+        data, final = list_raw(f, "/home/deep" + "/d" * depth)
+        lines = data.decode().split("\r\n")
+        assert final.startswith("250") and len(lines) == 2 and lines[1] == "", depth
+        assert lines[0].startswith("d") and lines[0].split(None, 8)[8] == "d", depth
+    assert f.nlst("/home/deep/d/d") == ["d"]
+    for missing in ("/home/deep/e", "/home/deep/d/dd", "/home/deeper"):
+        with pytest.raises(ftplib.error_perm, match="^550"):
+            list_raw(f, missing)
+    f.quit()
+
+
+@pytest.mark.parametrize("path, config", [
+    ("/home", {}),
+    ("/home/a.txt", {}),
+    ("/syn", {"synthetic_listings": {"/syn": 3}}),
+    ("/home/deep/d", {"endless_depth": ["/home/deep"]}),
+])
+def test_unterminated_last_line_loses_only_its_line_end(sim_factory, path, config):
+    tree = {"home": {"a.txt": "1", "b.txt": "22"}}
+    whole = sim_factory(tree=tree, config=config)
+    cut = sim_factory(tree=tree, config=dict(config, unterminated_last_line=[path]))
+    f, g = whole.ftp(), cut.ftp()
+    expected = list_raw(f, path)[0]
+    data, final = list_raw(g, path)
+    assert final.startswith("250")
+    assert expected.endswith(b"\r\n") and data == expected[:-2]
+    # other listings keep their line ends
+    assert list_raw(g, "/home/b.txt")[0] == list_raw(f, "/home/b.txt")[0]
+    f.quit()
+    g.quit()
