@@ -267,3 +267,14 @@ def test_while_the_backup_runs_the_old_archive_stays_and_a_new_name_is_written(s
     after_run = sorted(p.name for p in tmp_path.glob("a.ctar*"))
     assert after_run == ["a.ctar"] + (["a.ctar.partial"] if leftover else [])
     assert len(read_archive(old)) == 6
+
+
+def test_a_last_listing_line_without_a_line_end_is_saved_like_any_other(sim_factory, tmp_path):
+    # The last entry of /data (its only file) and of /data/sub arrive
+    # without CR LF; both are still found and saved.
+    tree = {"data": {"z.txt": "z", "sub": {"y.txt": "y"}}}
+    sim = sim_factory(tree=tree, config={"unterminated_last_line": ["/data", "/data/sub"]})
+    r = backup(sim, tmp_path, "-m", "0", include="/data\n", exclude=NO_SPECIALS)
+    assert r.status == 0, r.err
+    assert sorted(names(r)) == ["/data/sub/y.txt", "/data/z.txt"]
+    assert "** Parsing Errors" not in r.out

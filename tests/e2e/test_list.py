@@ -108,3 +108,10 @@ def test_a_line_end_split_across_two_data_blocks_is_one_line_end(sim_factory, tm
     assert r.status == 0, r.err
     names = [line.rsplit(" ", 1)[1] for line in lines]
     assert out == ["/big/" + n for n in names] + ["/big/after/"]
+
+
+def test_a_last_line_without_a_line_end_is_listed(sim_factory, tmp_path):
+    sim = sim_factory(tree=TREE, config={"unterminated_last_line": ["/home", "/etc"]})
+    r, lines = run_list(sim, tmp_path, include="/home\n/etc\n")
+    assert r.status == 0, r.err
+    assert lines == ["/home/alice/", "/home/bob/", "/home/readme", "/etc/motd"]
