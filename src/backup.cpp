@@ -1012,13 +1012,17 @@ int ParseListingChunk(ListingContext* context, const char* data, int length) {
   while (remaining > 0) {
     const char* newline = static_cast<const char*>(memchr(data, '\n', static_cast<size_t>(remaining)));
     if (!newline) {
-      // The start of a line whose end comes with the next chunk; whatever
-      // was carried before is replaced.
+      // Part of a line whose end comes with a later chunk (or never, for a
+      // last line the server leaves unterminated): added to what is
+      // carried, so that a line in any number of pieces is parsed whole.
       size_t n = static_cast<size_t>(remaining);
-      context->carry_overflow = n > CarryLimit;
-      if (n > CarryLimit) n = CarryLimit;
-      memcpy(context->carry, data, n);
-      context->carry[n] = '\0';
+      size_t held = strlen(context->carry);
+      if (held + n > CarryLimit) {
+        context->carry_overflow = true;
+        n = CarryLimit - held;
+      }
+      memcpy(context->carry + held, data, n);
+      context->carry[held + n] = '\0';
       return errors;
     }
     size_t line_length = static_cast<size_t>(newline - data);

@@ -609,7 +609,8 @@ int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* objec
       if (sent != 0) {
         reply[sizeof reply - 1] = '\0';
         VFAIL("RETR command failed\n  %s\n", reply);
-        if (writer->bytes <= 0 && writer->pending == 0) LogMessage("Block returned no data\n");
+        // The transfer hands data over only in calls that carry some.
+        if (writer->calls == 0) LogMessage("Block returned no data\n");
       } else {
         result = CloseEntry(&append, object);
       }

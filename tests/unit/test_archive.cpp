@@ -1,16 +1,26 @@
 // Appending retrieved save files to the archive: the block-gathering write
-// callback, cutting the archive back, and the retrieval that closes each
-// entry with its header and a fresh end block (checked against a scripted
-// peer and a real temporary file).
+// callback, cutting the archive back, the guard that holds the archive for
+// one retrieval, and the retrieval that closes each entry with its header
+// and a fresh end block (checked against a scripted peer and a real
+// temporary file, with writes made to fail where the archive must survive
+// them).
 #define VONDRAL_ARCHIVE_HELPERS
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <regex>
 #include <string>
 #include <thread>
@@ -22,7 +32,89 @@
 #include "test_helpers.h"
 #include "vondral.h"
 
+// --- Failing positioned writes
+//
+// The header that closes an entry is written over the old end block, below
+// the archive's end, so no file size limit can make that write fail once the
+// data behind it went out. Positioned writes are therefore routed through
+// this definition, which the linker prefers to the C library's: while a plan
+// is armed for a descriptor, its n-th positioned write writes at most
+// caps[n] bytes, or fails with EIO when caps[n] is negative; every other
+// write goes straight to the kernel.
 namespace {
+struct PwritePlan {
+  std::mutex lock;
+  int descriptor = -1;
+  std::vector<long> caps;
+  size_t calls = 0;
+};
+PwritePlan& ThePwritePlan() {
+  static PwritePlan plan;
+  return plan;
+}
+}  // namespace
+
+extern "C" ssize_t pwrite64(int descriptor, const void* data, size_t length, off64_t offset) {
+  long cap = LONG_MAX;
+  {
+    PwritePlan& plan = ThePwritePlan();
+    std::lock_guard<std::mutex> hold(plan.lock);
+    if (descriptor == plan.descriptor && plan.calls < plan.caps.size()) cap = plan.caps[plan.calls++];
+  }
+  if (cap < 0) {
+    errno = EIO;
+    return -1;
+  }
+  return syscall(SYS_pwrite64, descriptor, data, std::min(length, static_cast<size_t>(cap)), offset);
+}
+
+namespace {
+
+// Arms the plan for one descriptor while it lives.
+struct FailingPwrites {
+  FailingPwrites(int descriptor, std::vector<long> caps) {
+    PwritePlan& plan = ThePwritePlan();
+    std::lock_guard<std::mutex> hold(plan.lock);
+    plan.descriptor = descriptor;
+    plan.caps = std::move(caps);
+    plan.calls = 0;
+  }
+  ~FailingPwrites() {
+    PwritePlan& plan = ThePwritePlan();
+    std::lock_guard<std::mutex> hold(plan.lock);
+    plan.descriptor = -1;
+    plan.caps.clear();
+  }
+  size_t Calls() {
+    PwritePlan& plan = ThePwritePlan();
+    std::lock_guard<std::mutex> hold(plan.lock);
+    return plan.calls;
+  }
+};
+
+// Lets no file of the process grow beyond `bytes` while it lives: a write
+// that starts there fails with EFBIG, one that crosses it is cut short (and
+// the next one fails). SIGXFSZ, which would end the process, is ignored
+// meanwhile. Both are put back afterwards, so the limit must only be held
+// around the call under test, and the messages that call writes to a
+// captured stream must stay below it.
+struct FileSizeLimit {
+  struct rlimit saved{};
+  struct sigaction saved_action{};
+  explicit FileSizeLimit(rlim_t bytes) {
+    struct sigaction ignore{};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGXFSZ, &ignore, &saved_action);
+    getrlimit(RLIMIT_FSIZE, &saved);
+    struct rlimit limit = saved;
+    limit.rlim_cur = bytes;
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0) << strerror(errno);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &saved);
+    sigaction(SIGXFSZ, &saved_action, nullptr);
+  }
+};
 
 // Bytes that differ from block to block, so that a block written twice or
 // out of order shows.
@@ -105,30 +197,41 @@ TEST(ArchiveWriteCallback, GathersPartBlocksAndWritesWholeOnesInStreamOrder) {
   }
 }
 
-TEST(ArchiveWriteCallback, WriteFailuresAreReportedAndAbortOnlyWhenBytesAreLeft) {
-  TempArchive file;
+TEST(ArchiveWriteCallback, EveryFailedWriteAbortsTheTransfer) {
+  // A block that did not reach the archive would leave a hole in the entry,
+  // so the transfer ends at the first failed write, also when the call has
+  // no bytes left over; the retrieval then cuts the entry back.
+  enum class Fault { ReadOnly, FullDisk, SizeLimit };
   struct Case {
     const char* what;
-    bool full_disk;  // /dev/full instead of a descriptor open for reading only
-    int waiting;     // bytes gathered by an earlier call
+    Fault fault;
+    rlim_t limit;  // file size for Fault::SizeLimit
+    int waiting;   // bytes gathered by an earlier call
     int count;
-    int result;
     int left;  // of count
     std::string message;
   };
+  const std::string buffer_write = R"(\[backup\.cpp,\d+\]: write\(, 0x[0-9A-F]+, -1\): )";
+  const std::string block_write = R"(\[backup\.cpp,\d+\]: write\(\): )";
   const Case cases[] = {
-      {"whole blocks from the buffer", false, 0, 1024, 1, 1024,
-       R"(\[backup\.cpp,\d+\]: write\(, 0x[0-9A-F]+, -1\): Bad file descriptor\n)"},
-      {"the gathered block, with bytes of the call left over", false, 100, 600, 1, 188,  // 412 went into it
-       R"(\[backup\.cpp,\d+\]: write\(\): Bad file descriptor\n)"},
-      {"the gathered block completed by exactly the call", false, 100, 412, 0, 0,
-       R"(\[backup\.cpp,\d+\]: write\(\): Bad file descriptor\n)"},
-      {"a full disk", true, 0, 1500, 1, 1500, std::string(R"(write\(, 0x[0-9A-F]+, -1\): )") + strerror(ENOSPC)},
+      {"whole blocks from the buffer", Fault::ReadOnly, 0, 0, 1024, 1024, buffer_write + "Bad file descriptor\n"},
+      {"the gathered block, with bytes of the call left over", Fault::ReadOnly, 0, 100, 600, 188,  // 412 went into it
+       block_write + "Bad file descriptor\n"},
+      {"the gathered block completed by exactly the call", Fault::ReadOnly, 0, 100, 412, 0,
+       block_write + "Bad file descriptor\n"},
+      {"a full disk", Fault::FullDisk, 0, 0, 1500, 1500, buffer_write + strerror(ENOSPC) + "\n"},
+      // The file takes part of the write, then refuses the rest.
+      {"whole blocks that fit in part", Fault::SizeLimit, 700, 0, 1536, 1536, buffer_write + strerror(EFBIG) + "\n"},
+      {"the gathered block that fits in part", Fault::SizeLimit, 300, 100, 412, 0,
+       block_write + strerror(EFBIG) + "\n"},
   };
   std::string data = Pattern(2000, 5);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    int fd = c.full_disk ? open("/dev/full", O_WRONLY) : open(file.path.c_str(), O_RDONLY);
+    TempArchive file;
+    int fd = c.fault == Fault::FullDisk   ? open("/dev/full", O_WRONLY)
+             : c.fault == Fault::ReadOnly ? open(file.path.c_str(), O_RDONLY)
+                                          : dup(file.fd);
     if (fd < 0) continue;  // no /dev/full here
     auto writer = ArchiveWriterFor(fd);
     int count = c.waiting;
@@ -137,18 +240,23 @@ TEST(ArchiveWriteCallback, WriteFailuresAreReportedAndAbortOnlyWhenBytesAreLeft)
     }
     StderrCapture err;
     count = c.count;
-    EXPECT_EQ(ArchiveWriteCallback(writer.get(), data.data() + c.waiting, &count), c.result);
+    int result;
+    {
+      std::optional<FileSizeLimit> limit;
+      if (c.fault == Fault::SizeLimit) limit.emplace(c.limit);
+      result = ArchiveWriteCallback(writer.get(), data.data() + c.waiting, &count);
+    }
+    EXPECT_EQ(result, 1);
     EXPECT_EQ(count, c.left);
     EXPECT_TRUE(Matches(err.Text(), c.message)) << err.Text();
     EXPECT_EQ(writer->calls, c.waiting > 0 ? 2u : 1u);
-    EXPECT_EQ(writer->bytes, 0);
+    EXPECT_EQ(writer->bytes, 0);  // nothing counts as written
     close(fd);
   }
   StderrCapture err;
   int count = 3;
   EXPECT_EQ(ArchiveWriteCallback(nullptr, data.data(), &count), -1);
   EXPECT_TRUE(Matches(err.Text(), R"(\[backup\.cpp,\d+\]: bad argument\n)")) << err.Text();
-  EXPECT_EQ(file.Size(), 0);
 }
 
 // --- TruncateArchive
@@ -183,6 +291,8 @@ struct RetrPeer {
   bool refuse = false;
   int pause_ms = 0;               // between pieces
   bool drop_during_retr = false;  // close the control connection after the data
+  std::string final_reply = "226 File transfer completed successfully.";
+  std::function<void()> after_first_piece;  // runs while the data is flowing
   PeerScript Script() {
     return LoginScript([this](PeerConnection& c, const std::string& command) {
       if (command == "PASV") {
@@ -203,11 +313,12 @@ struct RetrPeer {
       for (size_t i = 0; i < pieces.size(); i++) {
         if (i > 0 && pause_ms > 0) usleep(static_cast<useconds_t>(pause_ms) * 1000);
         SendAll(fd, pieces[i]);
+        if (i == 0 && after_first_piece) after_first_piece();
       }
       if (drop_during_retr) usleep(20000);
       if (fd >= 0) close(fd);
       if (drop_during_retr) return false;
-      c.Reply("226 File transfer completed successfully.\r\n");
+      c.Reply(final_reply + "\r\n");
       return true;
     });
   }
@@ -216,6 +327,7 @@ struct RetrPeer {
 struct RetrieveToArchiveTest : ::testing::Test {
   void TearDown() override {
     TerminationRequested = 0;
+    ArchiveBroken = false;
     End();
     for (ObjectFile* o : objects) FreeFileList(o);
   }
@@ -278,9 +390,11 @@ TEST_F(RetrieveToArchiveTest, TheHeaderReplacesTheEndBlockAndANewOneFollowsThePa
     Begin(peer, OldArchive());
     struct timeval called{};
     gettimeofday(&called, nullptr);
+    const uint64_t entries = ArchiveEntries.load();
     StdoutCapture out;
     StderrCapture err;
     EXPECT_EQ(Retrieve(name, CHECKPOINT_ARMED, c.mode), 0) << err.Text();
+    EXPECT_EQ(ArchiveEntries.load(), entries + 1);
     // The caller's checkpoint flags are in the session again.
     EXPECT_EQ(session->checkpoint_flags, CHECKPOINT_ARMED);
     EXPECT_EQ(writer->bytes, static_cast<int64_t>(c.size));
@@ -297,40 +411,146 @@ TEST_F(RetrieveToArchiveTest, TheHeaderReplacesTheEndBlockAndANewOneFollowsThePa
 }
 
 TEST_F(RetrieveToArchiveTest, RetrievalsThatBringNoEntryLeaveTheArchiveAsItWas) {
+  // Only a positive RETR reply with data that all reached the archive makes
+  // an entry; anything else leaves the archive byte for byte as it was, the
+  // old end block still its end and the file position there.
   struct Case {
     const char* what;
+    std::vector<std::string> pieces;
     bool refuse;
-    bool data;
+    std::string final_reply;  // empty for the peer's 226
     std::string archive;
-    int result;
+    bool findable_end;    // the writer's descriptor can find the archive's end
     const char* failure;  // on standard error, nullptr for none
+    bool no_data;         // "Block returned no data" on standard output
   };
   const Case cases[] = {
-      {"success without data", false, false, OldArchive(), 0, nullptr},
-      {"refusal", true, false, OldArchive(), -1,
-       R"(\[ftp\.cpp,\d+\]: RETR command failed\n  550 CPF9812 File SAV1 in library QTEMP not found\.)"},
+      // A save file is never empty: a positive reply without data is no
+      // entry either.
+      {"success without data", {}, false, "", OldArchive(), true, nullptr, true},
+      {"refusal", {}, true, "", OldArchive(), true,
+       R"(\[ftp\.cpp,\d+\]: RETR command failed\n  550 CPF9812 File SAV1 in library QTEMP not found\.)", true},
+      {"a negative reply after whole blocks of data", {Pattern(1300, 3)}, false, "451 Transfer aborted.",
+       OldArchive(), true, R"(\[ftp\.cpp,\d+\]: RETR command failed\n  451 Transfer aborted\.)", false},
+      {"a negative reply after less than a block", {Pattern(300, 3)}, false, "426 Connection closed.",
+       OldArchive(), true, R"(\[ftp\.cpp,\d+\]: RETR command failed\n  426 Connection closed\.)", false},
       // Without an end block there is no place for the header: the data and
       // the new end block are cut away again.
-      {"no end block to replace", false, true, "", -1, R"(\[ftp\.cpp,\d+\]: CTAR header failed to update: )"},
+      {"no end block to replace", {Pattern(1300, 3)}, false, "", "", true,
+       R"(\[ftp\.cpp,\d+\]: CTAR header failed to update: )", false},
+      // Nothing is asked of the server for an archive that cannot be appended to.
+      {"an archive whose end cannot be found", {Pattern(1300, 3)}, false, "", OldArchive(), false,
+       R"(\[backup\.cpp,\d+\]: lseek\(\): Bad file descriptor\n)", false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     RetrPeer peer;
     peer.refuse = c.refuse;
-    if (c.data) peer.pieces = {Pattern(1300, 3)};
+    peer.pieces = c.pieces;
+    if (!c.final_reply.empty()) peer.final_reply = c.final_reply;
     Begin(peer, c.archive);
+    if (!c.findable_end) writer->descriptor = -1;
+    const uint64_t entries = ArchiveEntries.load();
     StdoutCapture out;
     StderrCapture err;
-    EXPECT_EQ(Retrieve("/home/missing", CHECKPOINT_ARMED | CHECKPOINT_RETRY), c.result);
+    EXPECT_EQ(Retrieve("/home/missing", CHECKPOINT_ARMED | CHECKPOINT_RETRY), -1);
     EXPECT_EQ(session->checkpoint_flags, CHECKPOINT_ARMED | CHECKPOINT_RETRY);
     EXPECT_EQ(file->Contents(), before);
     EXPECT_EQ(lseek(file->fd, 0, SEEK_CUR), static_cast<off_t>(before.size()));
-    EXPECT_EQ(Matches(out.Text(), R"(\] Block returned no data\n)"), !c.data) << out.Text();
+    EXPECT_EQ(ArchiveEntries.load(), entries);
+    EXPECT_FALSE(ArchiveBroken.load());
+    EXPECT_EQ(Matches(out.Text(), R"(\] Block returned no data\n)"), c.no_data) << out.Text();
     EXPECT_EQ(Matches(err.Text(), c.failure ? c.failure : "failed"), c.failure != nullptr) << err.Text();
+    const std::vector<std::string> retrieval = {"PASV", std::string("RETR ") + savf};
+    EXPECT_EQ(After(), c.findable_end ? retrieval : std::vector<std::string>());
     EXPECT_TRUE(ArchiveLockIsFree());
     // The session is still usable.
     session->checkpoint_flags = 0;
     EXPECT_EQ(SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr), 0);
+  }
+}
+
+TEST_F(RetrieveToArchiveTest, AFailedWriteWhileClosingTheEntryCutsTheArchiveBack) {
+  // 700 bytes arrive behind an archive of 1536: one whole block goes out at
+  // 1536 as it comes; closing the entry then writes the padded last block at
+  // 2048, the new end block at 2560 and the header over the old end block at
+  // 1024. Each write in turn fails, at once or after part of its block.
+  struct Case {
+    const char* what;
+    rlim_t file_size;          // the largest the archive may grow; 0 for no limit
+    std::vector<long> pwrites; // the plan for positioned writes (see pwrite64 above)
+    const char* failure;
+    bool broken;  // the old end block could not be put back
+  };
+  const std::string io = strerror(EIO);
+  const std::string header = R"(\[ftp\.cpp,\d+\]: CTAR header failed to update: )" + io + "\n";
+  const Case cases[] = {
+      {"the whole block of data", 1800, {}, R"(\[backup\.cpp,\d+\]: write\(, 0x[0-9A-F]+, -1\): File too large\n)"
+                                            R"([\s\S]*\[ftp\.cpp,\d+\]: RETR command failed\n)", false},
+      {"the padded block", 2048, {}, R"(\[ftp\.cpp,\d+\]: write\(\): File too large\n)", false},
+      {"the padded block, in part", 2300, {}, R"(\[ftp\.cpp,\d+\]: write\(\): File too large\n)", false},
+      {"the new end block", 2560, {}, R"(\[ftp\.cpp,\d+\]: CTAR sentinel failed write\(\): File too large\n)", false},
+      {"the new end block, in part", 2900, {}, R"(\[ftp\.cpp,\d+\]: CTAR sentinel failed write\(\): File too large\n)",
+       false},
+      {"the header", 0, {-1}, header.c_str(), false},
+      // The old end block is half overwritten: it must be written again.
+      {"the header, in part", 0, {100, -1}, header.c_str(), false},
+      {"the header, in part, and the old end block cannot be written again", 0, {100, -1, -1},
+       R"(\[backup\.cpp,\d+\]: write\(\): Input/output error\n)"
+       R"([\s\S]*\[backup\.cpp,\d+\]: the archive could not be cut back: nothing more is appended\n)", true},
+  };
+  const std::string data = Pattern(700, 21);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ArchiveBroken = false;
+    RetrPeer peer;
+    peer.pieces = {data};
+    Begin(peer, OldArchive());
+    const uint64_t entries = ArchiveEntries.load();
+    int result = 0;
+    size_t pwrites = 0;
+    std::string messages;
+    {
+      StdoutCapture out;
+      StderrCapture err;
+      {
+        std::optional<FileSizeLimit> limit;
+        if (c.file_size > 0) limit.emplace(c.file_size);
+        FailingPwrites failing(file->fd, c.pwrites);
+        result = Retrieve("/home/closing");
+        pwrites = failing.Calls();
+      }
+      messages = err.Text();
+    }
+    EXPECT_EQ(result, -1);
+    EXPECT_TRUE(Matches(messages, c.failure)) << messages;
+    EXPECT_EQ(pwrites, c.pwrites.size());  // every planned write was attempted
+    EXPECT_EQ(ArchiveBroken.load(), c.broken);
+    EXPECT_EQ(ArchiveEntries.load(), entries);
+    EXPECT_TRUE(ArchiveLockIsFree());
+    EXPECT_EQ(file->Size(), static_cast<off_t>(before.size()));
+    if (c.broken) {
+      // Nothing more is appended, and the server is not asked for it.
+      const size_t commands = server->Commands().size();
+      StdoutCapture out;
+      StderrCapture err;
+      EXPECT_EQ(Retrieve("/home/next"), -1);
+      EXPECT_TRUE(Matches(err.Text(), R"(\[backup\.cpp,\d+\]: the archive is broken: nothing more is appended\n)"))
+          << err.Text();
+      EXPECT_EQ(server->Commands().size(), commands);
+      EXPECT_TRUE(ArchiveLockIsFree());
+      continue;
+    }
+    EXPECT_EQ(file->Contents(), before);
+    EXPECT_EQ(lseek(file->fd, 0, SEEK_CUR), static_cast<off_t>(before.size()));
+    // The old end block is still the end: the next retrieval appends behind
+    // the old entry as if the failed one had never been.
+    StdoutCapture out;
+    StderrCapture err;
+    EXPECT_EQ(Retrieve("/home/next"), 0) << err.Text();
+    EXPECT_EQ(file->Contents(), before.substr(0, before.size() - CtarBlockSize) +
+                                    HeaderBlock("/home/next", data.size(), 0100644) + PadToBlocks(data) +
+                                    SentinelBlock());
   }
 }
 
@@ -376,44 +596,211 @@ TEST_F(RetrieveToArchiveTest, ConcurrentRetrievalsAppendWholeEntriesOneAfterTheO
   Quit(b);
 }
 
-TEST_F(RetrieveToArchiveTest, TerminationRequestEndsTheThreadAfterTheEntryIsWhole) {
-  const std::string data = Pattern(600, 13);
-  RetrPeer peer;
-  peer.pieces = {data};
-  Begin(peer, SentinelBlock());
-  TerminationRequested = 1;
-  StdoutCapture out;
-  EXPECT_THROW(Retrieve("/home/t"), ThreadExit);
-  long ended = 0;
-  const std::string after = file->Contents();
-  EXPECT_EQ(ReadArchiveEntries(after, &ended), (std::vector<ArchiveEntry>{{"/home/t", data}}));
-  EXPECT_EQ(ended, static_cast<long>(after.size()));
-  EXPECT_TRUE(ArchiveLockIsFree());
+TEST_F(RetrieveToArchiveTest, TerminationRequestEndsTheThreadWithTheArchiveWhole) {
+  // A request that comes while the data flows lets the entry complete, then
+  // ends the worker; one whose grace is already over sends no RETR at all.
+  struct Case {
+    const char* what;
+    bool while_flowing;
+    bool entry;  // the entry was appended
+  };
+  const Case cases[] = {
+      {"a request whose grace is over", false, false},
+      {"a request while the data flows", true, true},
+  };
+  const std::string data = Pattern(1600, 13);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    TerminationRequested = 0;
+    RetrPeer peer;
+    peer.pieces = {data.substr(0, 700), data.substr(700)};
+    peer.pause_ms = 50;
+    if (c.while_flowing) peer.after_first_piece = [] { RequestTermination(SIGTERM); };
+    Begin(peer, OldArchive());
+    StdoutCapture out;
+    StderrCapture err;
+    // A worker thread of its own, as in a backup: the grace counts from the
+    // end of the calling thread's last transfer, and this one has none.
+    bool grace_over = true, thread_ended = false;
+    std::thread worker([&] {
+      if (!c.while_flowing) grace_over = RequestWithGraceOver(SIGTERM);
+      try {
+        Retrieve("/home/t");
+      } catch (const ThreadExit&) {
+        thread_ended = true;
+      }
+    });
+    worker.join();
+    ASSERT_TRUE(grace_over);
+    EXPECT_TRUE(thread_ended);
+    EXPECT_EQ(TerminationRequested.load(), SIGTERM);
+    EXPECT_TRUE(ArchiveLockIsFree());
+    EXPECT_FALSE(ArchiveBroken.load());
+    long ended = 0;
+    const std::string after = file->Contents();
+    std::vector<ArchiveEntry> expected = {{"/old/entry", "0123456789"}};
+    if (c.entry) expected.push_back({"/home/t", data});
+    EXPECT_EQ(ReadArchiveEntries(after, &ended), expected);
+    EXPECT_EQ(ended, static_cast<long>(after.size()));
+    if (c.entry) {
+      EXPECT_EQ(After(), (std::vector<std::string>{"PASV", std::string("RETR ") + savf}));
+    } else {
+      EXPECT_EQ(after, before);
+      EXPECT_EQ(After(), std::vector<std::string>{});
+      EXPECT_TRUE(Matches(err.Text(), R"(\[socket\.cpp,\d+\]: termination requested: RETR )" + std::string(savf) +
+                                          " not sent\n"))
+          << err.Text();
+    }
+    // The session is closed without a word once the grace is over.
+    TerminationRequested = 0;
+  }
 }
 
-TEST_F(RetrieveToArchiveTest, BrokenControlConnectionLeavesTheOldEndBlockInForce) {
+TEST_F(RetrieveToArchiveTest, BrokenControlConnectionCutsTheArchiveBackBeforeTheLockIsFree) {
   RetrPeer peer;
-  peer.pieces = {Pattern(1300, 14)};
+  const std::string data = Pattern(1300, 14);
+  peer.pieces = {data.substr(0, 600), data.substr(600)};
+  peer.pause_ms = 50;
   peer.drop_during_retr = true;
+  // Another worker waits for the archive while the data flows: when it gets
+  // the lock, the archive must already be what it was.
+  std::atomic<bool> held{false};
+  peer.after_first_piece = [&held] { held = true; };
   Begin(peer, OldArchive());
+  std::string seen_by_next;
+  std::thread next([&] {
+    for (int i = 0; i < 5000 && !held; i++) usleep(1000);
+    std::lock_guard<std::mutex> hold(ArchiveLock);
+    seen_by_next = file->Contents();
+  });
   StdoutCapture out;
   StderrCapture err;
   int result = RunProtected(session, [&] {
     PassPointOfNoReturn(session);
     return Retrieve("/home/broken", session->checkpoint_flags);
   });
+  next.join();
+  EXPECT_TRUE(held.load());
   EXPECT_EQ(result, -1);
-  EXPECT_NE(err.Text().find("recovering checkpoint"), std::string::npos) << err.Text();
+  EXPECT_TRUE(Matches(err.Text(), R"(\[ftp\.cpp,\d+\]: recovering checkpoint\n)")) << err.Text();
   EXPECT_EQ(session->checkpoint_flags, 0);
   EXPECT_TRUE(ArchiveLockIsFree());
-  // The data that arrived goes behind the old end block while it comes, so
-  // a reader still meets that block first.
-  const std::string after = file->Contents();
-  EXPECT_GT(after.size(), before.size());
-  EXPECT_EQ(after.substr(0, before.size()), before);
-  long ended = 0;
-  EXPECT_EQ(ReadArchiveEntries(after, &ended).size(), 1u);
-  EXPECT_EQ(ended, static_cast<long>(before.size()));
+  EXPECT_FALSE(ArchiveBroken.load());
+  EXPECT_EQ(seen_by_next, before);
+  EXPECT_EQ(file->Contents(), before);
+  EXPECT_EQ(lseek(file->fd, 0, SEEK_CUR), static_cast<off_t>(before.size()));
+}
+
+// --- ArchiveAppend, the guard of one retrieval
+
+TEST(ArchiveAppendGuard, WhatIsNotCommittedIsCutBackAndTheOldEndBlockPutBack) {
+  // What a retrieval may have done to the archive when it ends: data behind
+  // the old end block, the new end block behind that, the header begun or
+  // written over the old end block; then it commits, returns, or an
+  // exception (the lost connection's abort) passes.
+  struct Case {
+    const char* what;
+    size_t data;          // bytes written behind the old end block
+    size_t header;        // bytes of the header written over the old end block
+    bool commit;
+    bool abort;
+  };
+  const Case cases[] = {
+      {"nothing written", 0, 0, false, false},
+      {"data only", 1300, 0, false, false},
+      {"data, then an abort", 1300, 0, false, true},
+      {"data and half a header", 1024 + 512, 200, false, false},
+      {"data and the whole header, then an abort", 1024 + 512, 512, false, true},
+      {"a whole entry, committed", 1024 + 512, 512, true, false},
+  };
+  const std::string old_archive = OldArchive();
+  const std::string header = HeaderBlock("/new", 1024, 0100644);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempArchive file;
+    file.Append(old_archive);
+    lseek(file.fd, 0, SEEK_SET);  // the guard finds the end by itself
+    auto writer = ArchiveWriterFor(file.fd);
+    writer->pending = 77;
+    const uint64_t entries = ArchiveEntries.load();
+    bool locked_inside = false;
+    try {
+      ArchiveAppend append(writer.get());
+      ASSERT_TRUE(append.Usable());
+      EXPECT_EQ(append.Start(), static_cast<int64_t>(old_archive.size()));
+      EXPECT_EQ(append.Writer(), writer.get());
+      locked_inside = !ArchiveLockIsFree();
+      const std::string data = Pattern(c.data, 30);
+      EXPECT_EQ(write(file.fd, data.data(), data.size()), static_cast<ssize_t>(data.size()));
+      if (c.header > 0) {
+        append.TouchEndBlock();
+        EXPECT_EQ(pwrite(file.fd, header.data(), c.header, append.Start() - CtarBlockSize),
+                  static_cast<ssize_t>(c.header));
+      }
+      if (c.commit) append.Commit();
+      if (c.abort) throw CheckpointAbort{nullptr};
+    } catch (const CheckpointAbort&) {
+    }
+    EXPECT_TRUE(locked_inside);
+    EXPECT_TRUE(ArchiveLockIsFree());
+    EXPECT_FALSE(ArchiveBroken.load());
+    EXPECT_EQ(writer->pending, 0);  // nothing of this entry is carried into the next
+    EXPECT_EQ(ArchiveEntries.load(), entries + (c.commit ? 1 : 0));
+    if (c.commit) {
+      EXPECT_EQ(file.Size(), static_cast<off_t>(old_archive.size() + c.data));
+      EXPECT_EQ(file.Contents().substr(old_archive.size() - CtarBlockSize, CtarBlockSize), header);
+    } else {
+      EXPECT_EQ(file.Contents(), old_archive);
+      EXPECT_EQ(lseek(file.fd, 0, SEEK_CUR), static_cast<off_t>(old_archive.size()));
+    }
+  }
+}
+
+TEST(ArchiveAppendGuard, AnArchiveThatCannotBeCutBackTakesNoMoreEntries) {
+  struct Case {
+    const char* what;
+    bool read_only;            // the cut itself fails
+    std::vector<long> pwrites; // the old end block cannot be written again
+    const char* failure;
+  };
+  const Case cases[] = {
+      {"the cut fails", true, {}, R"(\[backup\.cpp,\d+\]: ftruncate64\(\): )"},
+      {"the old end block cannot be written again", false, {-1},
+       R"(\[backup\.cpp,\d+\]: write\(\): Input/output error\n)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ArchiveBroken = false;
+    TempArchive file;
+    file.Append(OldArchive() + Pattern(700, 31));
+    int fd = c.read_only ? open(file.path.c_str(), O_RDONLY) : dup(file.fd);
+    ASSERT_GE(fd, 0);
+    auto writer = ArchiveWriterFor(fd);
+    StderrCapture err;
+    {
+      FailingPwrites failing(fd, c.pwrites);
+      ArchiveAppend append(writer.get());
+      ASSERT_TRUE(append.Usable());
+      append.TouchEndBlock();
+    }
+    EXPECT_TRUE(Matches(err.Text(), std::string(c.failure) +
+                                        R"([\s\S]*\[backup\.cpp,\d+\]: the archive could not be cut back: )"
+                                        R"(nothing more is appended\n)"))
+        << err.Text();
+    EXPECT_TRUE(ArchiveBroken.load());
+    EXPECT_TRUE(ArchiveLockIsFree());
+    // A later retrieval, even on a sound descriptor, finds the archive closed.
+    auto other = ArchiveWriterFor(file.fd);
+    {
+      ArchiveAppend append(other.get());
+      EXPECT_FALSE(append.Usable());
+    }
+    EXPECT_TRUE(Matches(err.Text(), R"(\[backup\.cpp,\d+\]: the archive is broken: nothing more is appended\n)"))
+        << err.Text();
+    EXPECT_TRUE(ArchiveLockIsFree());
+    close(fd);
+  }
+  ArchiveBroken = false;
 }
 
 }  // namespace

@@ -228,20 +228,65 @@ TEST(CtarName, NamesBeyond400AreCutAndReported) {
   }
 }
 
-TEST(CtarName, DirectoriesCarryTheSuffixThatReadingStrips) {
-  Block dir = Header("/home/x", 10, 0040755);
-  EXPECT_EQ(Bytes(dir, 100, 8), std::string("0040755\0", 8));
-  EXPECT_EQ(StoredName(dir), "/home/x.savf");
-  EXPECT_EQ(Check(dir).name, "/home/x");
-  EXPECT_EQ(StoredName(Header("/home/y", 10, 0100600)), "/home/y");
-  // The reader cuts at the first ".savf" wherever it is.
-  Block inner = Header("/a.savfile");
-  EXPECT_EQ(StoredName(inner), "/a.savfile");
-  EXPECT_EQ(Check(inner).name, "/a");
+TEST(CtarName, OnlyADirectorysOwnSuffixIsStrippedWhenReading) {
+  struct Case {
+    const char* path;  // as given to the header
+    uint32_t mode;
+    const char* stored;
+    const char* restored;
+  };
+  const Case cases[] = {
+      {"/home/x", 0040755, "/home/x.savf", "/home/x"},
+      {"/home/y", 0100600, "/home/y", "/home/y"},
+      // A file whose own name holds or ends in the suffix keeps it.
+      {"/a.savfile", 0100644, "/a.savfile", "/a.savfile"},
+      {"/home/xfer/PTF.savf", 0100644, "/home/xfer/PTF.savf", "/home/xfer/PTF.savf"},
+      {"/d.savf.x", 0100644, "/d.savf.x", "/d.savf.x"},
+      {"/QSYS.LIB/A.LIB/S.SAVF", 0100644, "/QSYS.LIB/A.LIB/S.SAVF", "/QSYS.LIB/A.LIB/S.SAVF"},
+      // A directory loses exactly the suffix the backup put behind its name.
+      {"/d.savf.x", 0040755, "/d.savf.x.savf", "/d.savf.x"},
+      {"/x.savf", 0040700, "/x.savf.savf", "/x.savf"},
+      {"/a.savfile", 0040000, "/a.savfile.savf", "/a.savfile"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.path) + " " + std::to_string(c.mode));
+    Block block = Header(c.path, 10, c.mode);
+    EXPECT_EQ(StoredName(block), c.stored);
+    Entry entry = Check(block);
+    EXPECT_EQ(entry.result, CtarEntry);
+    EXPECT_EQ(entry.name, c.restored);
+    char name[CtarBlockSize] = "";
+    CtarEntryName(block.data(), name, sizeof name);
+    EXPECT_STREQ(name, c.restored);
+  }
+  // The mode is the header's: a stored name that ends in the suffix keeps it
+  // unless the mode field reads as a directory.
+  struct ModeCase {
+    std::string field;
+    const char* restored;
+  };
+  const ModeCase modes[] = {
+      {std::string("0040755\0", 8), "/z"},  {std::string("0100644\0", 8), "/z.savf"},
+      {std::string("40000\0\0\0", 8), "/z"}, {std::string("0\0\0\0\0\0\0\0", 8), "/z.savf"},
+      {std::string("zzzzzzz\0", 8), "/z.savf"},  // no mode at all
+      {std::string(8, '\0'), "/z.savf"},
+  };
+  for (const ModeCase& m : modes) {
+    SCOPED_TRACE(::testing::PrintToString(m.field));
+    Block block = Header("/z.savf", 10, 0100644);
+    Put(block, 100, m.field);
+    Reseal(block);
+    EXPECT_EQ(Check(block).name, m.restored);
+  }
   // The suffix counts toward the length: 95 characters become exactly 100.
   Block long_dir = Header(NameOfLength(95), 10, 0040700);
   EXPECT_EQ(Bytes(long_dir, 293, 4), std::string("100\0", 4));
   EXPECT_EQ(Check(long_dir).name, NameOfLength(95));
+  // The name is cut to the caller's buffer, and always ended.
+  char small[6];
+  memset(small, 'x', sizeof small);
+  CtarEntryName(Header("/home/x", 10, 0040755).data(), small, sizeof small);
+  EXPECT_STREQ(small, "/home");
 }
 
 TEST(CtarHeaderDeathTest, APathBeyondTheWorkAreaStopsTheProcess) {
@@ -280,6 +325,74 @@ TEST(CtarArchive, AReaderWalksEntriesByPaddedSizeToTheSentinel) {
   EXPECT_EQ(result, CtarEnd);
   EXPECT_EQ(offset, archive.size() - CtarBlockSize);
   EXPECT_EQ(names, (std::vector<std::string>{"/QSYS.LIB/A.LIB", "/home/b", "/QDLS"}));
+}
+
+// A tar header as tar programs write one, for checking that such a file is
+// not taken for a CTAR archive.
+enum class TarStyle { Gnu, Ustar, V7 };
+Block TarHeader(TarStyle style) {
+  Block block = Zeros();
+  Put(block, 0, "notes.txt");
+  Put(block, 100, std::string("0000644\0", 8));
+  const std::string id = style == TarStyle::V7 ? std::string("0000000\0", 8) : std::string("0001750\0", 8);
+  Put(block, 108, id);
+  Put(block, 116, id);
+  Put(block, 124, std::string("00000000014\0", 12));
+  Put(block, 136, std::string("14524770400\0", 12));
+  block[156] = '0';
+  if (style == TarStyle::Gnu) Put(block, 257, std::string("ustar  \0", 8));
+  if (style == TarStyle::Ustar) Put(block, 257, std::string("ustar\0" "00", 8));
+  if (style != TarStyle::V7) {
+    Put(block, 265, "user");
+    Put(block, 297, "users");
+  }
+  // GNU tar ends the checksum with a NUL and a blank after six digits.
+  char field[9];
+  snprintf(field, sizeof field, style == TarStyle::Gnu ? "%06o" : "%07o",
+           static_cast<unsigned>(HeaderChecksum(block.data())));
+  Put(block, 148, std::string(field, style == TarStyle::Gnu ? 6 : 7) + (style == TarStyle::Gnu ? std::string("\0 ", 2)
+                                                                                          : std::string(1, '\0')));
+  return block;
+}
+
+TEST(CtarArchiveStart, TakesTheEndBlockAndAHeaderAsABackupWritesItButNoTarHeader) {
+  Block sentinel = Zeros();
+  BuildCtarSentinel(sentinel.data());
+  Block text = Zeros();
+  const std::string words = "This is a text file, not an archive at all.\n";
+  for (size_t at = 0; at + words.size() <= text.size(); at += words.size()) Put(text, at, words);
+  Block flipped = Header("/home/file");
+  flipped[20] ^= 1;
+  Block odd_uid = Header("/home/file");
+  Put(odd_uid, 108, std::string("0001750\0", 8));
+  Reseal(odd_uid);
+  struct Case {
+    const char* what;
+    Block block;
+    bool start;
+  };
+  const Case cases[] = {
+      {"the end block of an empty archive", sentinel, true},
+      {"a file's header", Header("/home/file", 1000, 0100644), true},
+      {"a directory's header", Header("/home/dir", 1000, 0040755), true},
+      {"a header with a long name", Header(NameOfLength(300), 5, 0100600), true},
+      {"a header with a large size", Header("/QSYS.LIB/BIG.LIB", 1ull << 40, 0040700), true},
+      {"zeros", Zeros(), false},
+      {"text", text, false},
+      {"a header with a wrong checksum", flipped, false},
+      {"a header no backup writes", odd_uid, false},
+      {"a GNU tar header", TarHeader(TarStyle::Gnu), false},
+      {"a POSIX tar header", TarHeader(TarStyle::Ustar), false},
+      {"an old tar header", TarHeader(TarStyle::V7), false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(CtarArchiveStart(c.block.data()), c.start);
+  }
+  // Every tar header passes the reader's own check: only the start check
+  // tells it apart.
+  for (TarStyle style : {TarStyle::Gnu, TarStyle::Ustar, TarStyle::V7})
+    EXPECT_EQ(Check(TarHeader(style)).result, CtarEntry) << static_cast<int>(style);
 }
 
 }  // namespace

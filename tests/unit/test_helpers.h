@@ -2,9 +2,12 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <string>
+
+#include "vondral.h"
 
 // A temporary stream whose whole content can be read back as text.
 struct CapturedStream {
@@ -57,6 +60,20 @@ struct StdoutCapture {
   }
   std::string Text() { return capture.Text(); }
 };
+
+// A termination request as the drivers meet it long after it came: the
+// flag is set as the signal thread would, but without a new request time,
+// and the call waits until the calling thread's grace is over (at once,
+// unless this process made a request or this thread ended a transfer in the
+// last few seconds). false when the grace never ended.
+inline bool RequestWithGraceOver(int signal_number) {
+  TerminationRequested = signal_number;
+  for (int waited = 0; TerminationMsLeft() != 0; waited += 10) {
+    if (waited > TerminationGraceMs + 1000) return false;
+    usleep(10000);
+  }
+  return true;
+}
 
 // Archive helpers for the tests that save into a real archive file. They
 // need the library's archive and lock declarations, which most test files

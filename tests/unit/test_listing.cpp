@@ -299,19 +299,29 @@ TEST_F(ListingTest, OverLongLineIsAParseErrorAndTheNextLineStillCounts) {
   EXPECT_NE(err.Text().find("listing line too long"), std::string::npos);
 }
 
-TEST_F(ListingTest, LineSplitAcrossTwoChunksIsParsedOnceAndAcrossThreeLosesItsStart) {
-  std::string line = "-rw-r--r--   1 A B 3 Jan  2  2009 split-name\r\n";
-  EXPECT_EQ(Feed(line.substr(0, 20)), 0);
-  EXPECT_EQ(Feed(line.substr(20)), 0);
-  ASSERT_NE(dir->first_file, nullptr);
-  EXPECT_STREQ(dir->first_file->name, "/split-name");
-  EXPECT_EQ(dir->count, 1u);
-  // Three pieces: the middle one replaces what was carried.
-  StderrCapture err;
-  EXPECT_EQ(Feed(line.substr(0, 10)), 0);
-  EXPECT_EQ(Feed(line.substr(10, 10)), 0);
-  EXPECT_EQ(Feed(line.substr(20)), 1);
-  EXPECT_EQ(dir->count, 1u);
+TEST_F(ListingTest, ALineInAnyNumberOfPiecesIsParsedOnceWhole) {
+  const std::string line = "-rw-r--r--   1 A B 3 Jan  2  2009 split-name\r\n";
+  const std::vector<std::vector<size_t>> cuts = {{20}, {10, 20}, {1, 2, 3, 40}, {line.size() - 1}};
+  uint64_t expected = 0;
+  for (const auto& at : cuts) {
+    size_t from = 0;
+    for (size_t cut : at) {
+      EXPECT_EQ(Feed(line.substr(from, cut - from)), 0);
+      from = cut;
+    }
+    EXPECT_EQ(Feed(line.substr(from)), 0);
+    EXPECT_EQ(dir->count, ++expected);
+    EXPECT_STREQ(dir->last_file->name, "/split-name");
+  }
+}
+
+TEST_F(ListingTest, ALastLineWithoutLineEndSplitAcrossChunksIsParsedWhole) {
+  const std::string first = "-rw-r--r--   1 A B 3 Jan  2  2009 first\r\n";
+  const std::string listing = first + "-rw-r--r--   1 A B 3 Jan  2  2009 last-name";
+  EXPECT_EQ(Feed(listing.substr(0, first.size() + 20)), 0);
+  EXPECT_EQ(Feed(listing.substr(first.size() + 20)), 0);
+  EXPECT_EQ(FinishListing(context.get()), 0);
+  EXPECT_EQ(FileNames(dir), "/first|/last-name|");
 }
 
 TEST_F(ListingTest, ExclusionMarksPartialButTheDateCutOffDoesNot) {
@@ -395,6 +405,142 @@ TEST_F(ListingTest, CallbackCountsFailuresWithoutAbortingTheTransfer) {
   EXPECT_EQ(context->errors, 1);
   EXPECT_EQ(ListingCallback(nullptr, chunk.data(), &count), -1);
   EXPECT_NE(err.Text().find("bad argument"), std::string::npos);
+}
+
+// --- the listing's last line
+
+// A listing cut into chunks at the given offsets.
+std::vector<std::string> Chunks(const std::string& text, const std::vector<size_t>& cuts) {
+  std::vector<std::string> chunks;
+  size_t from = 0;
+  for (size_t cut : cuts) {
+    chunks.push_back(text.substr(from, cut - from));
+    from = cut;
+  }
+  chunks.push_back(text.substr(from));
+  return chunks;
+}
+
+TEST_F(ListingTest, ALastLineWithoutLineEndIsParsedLikeAnyOther) {
+  const std::string first = "-rw-r--r--   1 A B 3 Jan  2  2009 first\r\n";
+  const std::string last = "-rw-r--r--   1 A B 3 Jan  2  2009 last-name";
+  struct Case {
+    const char* what;
+    std::string listing;
+    std::vector<size_t> cuts;
+    std::string files;
+    const char* dir;  // the last directory placed, nullptr for none
+    int errors;
+    const char* message;  // on standard error
+  };
+  const Case cases[] = {
+      {"in one chunk with the others", first + last, {}, "/first|/last-name|", nullptr, 0, nullptr},
+      {"in a chunk of its own", first + last, {first.size()}, "/first|/last-name|", nullptr, 0, nullptr},
+      {"behind a line split across chunks", first + last, {12}, "/first|/last-name|", nullptr, 0, nullptr},
+      {"ended by a CR alone", first + last + "\r", {}, "/first|/last-name|", nullptr, 0, nullptr},
+      {"the only line", last, {}, "/last-name|", nullptr, 0, nullptr},
+      {"a directory", first + "drwxr-xr-x   1 A B 3 Jan  2  2009 sub", {}, "/first|", "/sub", 0, nullptr},
+      {"garbage", first + "garbage", {}, "/first|", nullptr, 1, "]: can't parse"},
+      {"too long", first + last + std::string(5000, 'n'), {}, "/first|", nullptr, 1, "]: listing line too long"},
+      {"absent: the listing ends with a line end", first, {}, "/first|", nullptr, 0, nullptr},
+      {"absent: an empty listing", "", {}, "", nullptr, 0, nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    TearDown();
+    SetUp();
+    StderrCapture err;
+    int errors = 0;
+    for (const std::string& chunk : Chunks(c.listing, c.cuts)) errors += Feed(chunk);
+    errors += FinishListing(context.get());
+    EXPECT_EQ(errors, c.errors);
+    EXPECT_EQ(FileNames(dir), c.files);
+    if (c.dir) {
+      ASSERT_NE(dir->last_dir, nullptr);
+      EXPECT_STREQ(dir->last_dir->name, c.dir);
+    } else {
+      EXPECT_EQ(dir->last_dir, nullptr);
+    }
+    if (c.message) {
+      EXPECT_NE(err.Text().find(c.message), std::string::npos) << err.Text();
+    }
+    EXPECT_EQ(dir->partial, c.errors > 0);
+    // Taken once: nothing is left for a second call or the next listing.
+    EXPECT_EQ(FinishListing(context.get()), 0);
+    EXPECT_EQ(FileNames(dir), c.files);
+    EXPECT_EQ(Feed(first), 0);
+    EXPECT_EQ(FileNames(dir), c.files + "/first|");
+  }
+}
+
+// --- list mode's printer
+
+struct ListPrinterTest : ::testing::Test {
+  void SetUp() override {
+    saved = Settings;
+    Settings.verbosity = 0;
+  }
+  void TearDown() override { Settings = saved; }
+  // Hands the chunks to a new printer for `path` as LIST would, then ends
+  // the listing; gives what was printed to the list stream.
+  std::string Print(const char* path, const std::vector<std::string>& chunks, int* result) {
+    CapturedStream list;
+    Settings.list = list.stream;
+    auto context = std::make_unique<ListPrinterContext>();
+    context->include_path = path;
+    *result = 0;
+    for (const std::string& chunk : chunks) {
+      std::string data = chunk;
+      int count = static_cast<int>(data.size());
+      if (ListPrinter(context.get(), data.data(), &count) != 0) *result = -1;
+    }
+    if (FinishListPrinter(context.get()) != 0) *result = -1;
+    Settings.list = nullptr;
+    return list.Text();
+  }
+  RunSettings saved;
+};
+
+TEST_F(ListPrinterTest, EveryLineIsPrintedOnceHoweverTheChunksFall) {
+  // Each listing is printed whole, cut at every single offset, and one byte
+  // at a time: a line end split between chunks (its CR in one, its LF in the
+  // next) is one line end, and the last line needs none.
+  const std::string file = "-rw-r--r--   1 QSYS 0 3 Jan  2  2009 ";
+  const std::string directory = "drwxr-xr-x   2 QSYS 0 8192 Mar  5 14:07 ";
+  struct Case {
+    const char* what;
+    const char* path;
+    std::string listing;
+    std::string printed;
+  };
+  const Case cases[] = {
+      {"ended lines", "/home", file + "a\r\n" + directory + "sub\r\n" + file + "b\r\n", "/home/a\n/home/sub/\n/home/b\n"},
+      {"a last line without line end", "/home", file + "a\r\n" + directory + "sub\r\n" + file + "last",
+       "/home/a\n/home/sub/\n/home/last\n"},
+      {"a last line ended by a CR alone", "/home/", directory + "d\r\n" + file + "z\r", "/home/d/\n/home/z\n"},
+      {"a single line without line end", "/", directory + "QSYS.LIB", "/QSYS.LIB/\n"},
+      {"libraries", "/QSYS.LIB",
+       directory + "PAY.LIB\r\n" + file + "JOE.USRPRF\r\n" + directory + "GL.LIB",
+       "/QSYS.LIB/PAY.LIB\n/QSYS.LIB/GL.LIB\n"},
+      {"an empty listing", "/home", "", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<std::vector<std::string>> chunkings = {{c.listing}};
+    for (size_t cut = 1; cut < c.listing.size(); cut++) chunkings.push_back(Chunks(c.listing, {cut}));
+    std::vector<size_t> every;
+    for (size_t cut = 1; cut < c.listing.size(); cut++) every.push_back(cut);
+    chunkings.push_back(Chunks(c.listing, every));
+    for (const auto& chunks : chunkings) {
+      SCOPED_TRACE(::testing::PrintToString(chunks));
+      StdoutCapture out;
+      int result = 0;
+      EXPECT_EQ(Print(c.path, chunks, &result), c.printed);
+      EXPECT_EQ(result, 0);
+      EXPECT_EQ(out.Text(), "");  // only the list stream gets the names
+      if (HasFailure()) return;
+    }
+  }
 }
 
 }  // namespace

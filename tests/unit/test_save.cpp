@@ -13,6 +13,7 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <utility>
 #include <thread>
 #include <vector>
 
@@ -49,6 +50,9 @@ size_t Count(const std::vector<std::string>& commands, const std::string& prefix
 struct SavePeer {
   std::set<std::pair<int, std::string>> files;  // (connection, file)
   std::string save_reply = "250 Command SAV successful.";
+  // Replies for the save commands that contain a text ("\"/home/a\"",
+  // "LIB(PAY)"), in place of save_reply.
+  std::vector<std::pair<std::string, std::string>> replies;
   std::string payload = Pattern(700, 1);
   int save_delay_ms = 0;
   bool refuse_rcmd = false;  // every RCMD, CRTSAVF too, is not allowed
@@ -92,7 +96,10 @@ struct SavePeer {
         c.Reply("250 Command CRTSAVF successful.\r\n");
       } else if (StartsWith(command, "RCMD SAV")) {
         if (save_delay_ms > 0) usleep(static_cast<useconds_t>(save_delay_ms) * 1000);
-        c.Reply(save_reply + "\r\n");
+        std::string reply = save_reply;
+        for (const auto& [text, special] : replies)
+          if (command.find(text) != std::string::npos) reply = special;
+        c.Reply(reply + "\r\n");
       } else {
         c.Reply("200 OK\r\n");
       }
@@ -567,6 +574,163 @@ TEST_F(SaveTest, ProcessObjectReportsAFailedObjectAndListsIt) {
     if (c.drop_during_retr) {  // logged in again and usable for the next object
       EXPECT_EQ(ProcessObject(session, Object("/home/next"), 1, writer.get(), &totals), 0) << err.Text();
       EXPECT_EQ(server->connections(), 2);
+    }
+  }
+}
+
+// --- counting in a block
+
+TEST_F(SaveTest, FailedUnitsAddUpAndAFailedEmptyDirectoryCountsAsOne) {
+  struct Unit {
+    const char* name;
+    uint64_t files;  // for a directory; a file is one object
+    bool fails;
+  };
+  struct Case {
+    const char* what;
+    std::vector<Unit> dirs;
+    std::vector<Unit> files;
+    uint64_t attempted;
+    uint64_t failed;
+  };
+  const Case cases[] = {
+      {"two failed directories", {{"/home/a", 3, true}, {"/home/b", 4, true}}, {}, 7, 7},
+      {"failures behind a saved directory", {{"/home/ok", 5, false}, {"/home/b", 4, true}, {"/home/c", 1, true}},
+       {}, 10, 5},
+      {"a failed empty directory", {{"/home/e", 0, true}}, {}, 1, 1},
+      {"directories and files", {{"/home/a", 2, true}, {"/home/ok", 5, false}},
+       {{"/home/f", 1, true}, {"/home/g", 1, false}}, 9, 3},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    SavePeer peer;
+    std::vector<std::string> saved, failed;
+    ObjectNode* tree = NewDirectoryNode(nullptr, "", 0, 0, tm{});
+    for (const Unit& u : c.dirs) {
+      ObjectNode* dir = AppendDirectory(tree, u.name, S_IFDIR | 0755, 0, SampleTime());
+      dir->count = u.files;
+    }
+    for (const Unit& u : c.files) AppendFile(tree, u.name, S_IFREG | 0644, 0, SampleTime());
+    for (const auto* list : {&c.dirs, &c.files})
+      for (const Unit& u : *list) {
+        if (u.fails) peer.replies.push_back({"\"" + std::string(u.name) + "\"", "550 CPF3770 No objects saved or restored."});
+        (u.fails ? failed : saved).push_back(u.name);
+      }
+    Start(peer);
+    NewNotBackedUpList();
+    const std::string before = archive.Contents();
+    const int saved_descriptor = ArchiveDescriptor;
+    ArchiveDescriptor = archive.fd;
+    BackupTotals totals{};
+    totals.attempted = 99;  // a block counts from zero
+    totals.failed = 99;
+    {
+      StdoutCapture out;
+      StderrCapture err;
+      EXPECT_EQ(SaveBlock(session, tree, 4, &totals), 0);
+    }
+    ArchiveDescriptor = saved_descriptor;
+    FreeTree(tree);
+    EXPECT_EQ(totals.attempted, c.attempted);
+    EXPECT_EQ(totals.failed, c.failed);
+    // What was saved is in the archive; what failed is listed.
+    std::vector<std::string> names;
+    for (const ArchiveEntry& entry : Entries()) names.push_back(entry.name);
+    std::sort(names.begin(), names.end());
+    std::sort(saved.begin(), saved.end());
+    EXPECT_EQ(names, saved);
+    std::string listed = std::regex_replace(Listed(), std::regex(R"(\[[0-9:]+\] \[T\d+\] )"), "");
+    std::string expected;
+    for (const std::string& name : failed) expected += name + "\n";
+    EXPECT_EQ(listed, expected);
+    // Each case starts a new archive.
+    ASSERT_EQ(ftruncate(archive.fd, 0), 0);
+    archive.Append(SentinelBlock());
+  }
+}
+
+TEST_F(SaveTest, APartialSaveIsMarkedAndCountedButTheNextObjectStartsClean) {
+  struct Case {
+    Member member;
+    std::string reply;
+    int precheck;
+    int result;
+    bool partial;
+  };
+  const std::string counted = "550 CPF3771 12 objects saved. 3 objects not saved..";
+  const Case cases[] = {
+      {Sav, counted, 0, 0, true},
+      {Savlib, "550 CPF3777 1 libraries not saved.", 0, 0, true},
+      {Savsecdta, counted, 0, 0, true},
+      {Sav, "250 Command SAV successful.", 0, 0, false},
+      {Sav, counted, 1, 1, false},  // with precheck it is a failure
+      {Savdlo, counted, 0, 1, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.member.label) + " precheck " + std::to_string(c.precheck) + ": " + c.reply);
+    SavePeer peer;
+    peer.replies.push_back({"SAV", c.reply});
+    peer.replies.push_back({"SAV DEV('/QSYS.LIB/QTEMP.LIB/SAV1.FILE') OBJ(('\"/home/clean\"'))",
+                            "250 Command SAV successful."});
+    Start(peer);
+    Settings.precheck = static_cast<uint8_t>(c.precheck);
+    BackupTotals totals{};
+    StdoutCapture out;
+    StderrCapture err;
+    EXPECT_EQ(ProcessObject(session, Object(c.member.object), 1, writer.get(), &totals), c.result) << err.Text();
+    EXPECT_EQ(writer->partial, c.partial ? 1 : 0);
+    EXPECT_EQ(totals.partial, c.partial ? 1u : 0u);
+    // A whole save after it is not partial, and the count stays.
+    writer->partial = 1;
+    EXPECT_EQ(ProcessObject(session, Object("/home/clean"), 1, writer.get(), &totals), 0) << err.Text();
+    EXPECT_EQ(writer->partial, 0);
+    EXPECT_EQ(totals.partial, c.partial ? 1u : 0u);
+  }
+}
+
+TEST_F(SaveTest, ANameTooLongForTheEntryHeaderFailsTheObjectBeforeAnythingIsSent) {
+  // The header holds 400 characters of name; a directory's name is stored
+  // with ".savf" behind it.
+  struct Case {
+    size_t length;
+    uint32_t mode;
+    bool fits;
+  };
+  const Case cases[] = {
+      {400, S_IFREG | 0644, true},
+      {401, S_IFREG | 0644, false},
+      {395, S_IFDIR | 0755, true},
+      {396, S_IFDIR | 0755, false},
+      {1000, S_IFDIR | 0755, false},
+  };
+  SavePeer peer;
+  Start(peer);
+  for (const Case& c : cases) {
+    const std::string name = "/home/" + std::string(c.length - 6, 'n');
+    SCOPED_TRACE(std::to_string(c.length) + (S_ISDIR(c.mode) ? " directory" : " file"));
+    NewNotBackedUpList();
+    const size_t commands = server->Commands().size();
+    const size_t entries = Entries().size();
+    const uint64_t failures = writer->failures;
+    objects.push_back(NewFileNode(nullptr, name.c_str(), c.mode, 0, SampleTime()));
+    BackupTotals totals{};
+    StdoutCapture out;
+    StderrCapture err;
+    EXPECT_EQ(ProcessObject(session, objects.back(), 2, writer.get(), &totals), c.fits ? 0 : 1) << err.Text();
+    const std::string text = err.Text();
+    EXPECT_EQ(Matches(text, R"(\[backup\.cpp,\d+\]: path too long\n)"), !c.fits) << text;
+    EXPECT_EQ(Matches(text, R"(\[T\d+\] Backup Failure: )" + name + "\n"), !c.fits) << text;
+    EXPECT_EQ(writer->failures, failures + (c.fits ? 0 : 1));
+    if (c.fits) {
+      EXPECT_EQ(Count(After(commands), "RCMD SAV DEV"), 1u);
+      auto all = Entries();
+      ASSERT_EQ(all.size(), entries + 1);
+      EXPECT_EQ(all.back(), (ArchiveEntry{name, peer.payload}));
+      EXPECT_EQ(Listed(), "");
+    } else {
+      EXPECT_EQ(server->Commands().size(), commands);  // not a word to the server
+      EXPECT_EQ(Entries().size(), entries);
+      EXPECT_TRUE(std::regex_match(Listed(), std::regex(R"(\[[0-9:]+\] \[T\d+\] )" + name + "\n"))) << Listed();
     }
   }
 }

@@ -1,11 +1,14 @@
 // The transport against a scripted peer: the reply reader's rules, command
-// limits, PASV parsing and the data transfer loop with its time-outs.
+// limits, PASV parsing, the data transfer loop with its time-outs, and no
+// command after a termination request's grace.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <csignal>
 #include <regex>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "fake_server.h"
@@ -27,6 +30,7 @@ int Collect(void* argument, char* buffer, int* count) {
 struct TransportTest : ::testing::Test {
   void SetUp() override { Defaults(); }
   void TearDown() override {
+    TerminationRequested = 0;
     if (session) Quit(session);
     Defaults();
   }
@@ -346,6 +350,45 @@ TEST_F(TransportTest, AClosedControlConnectionIsReportedAndItsPartLineDropped) {
   EXPECT_EQ(session->control->reply_held, 0);
   // The next command finds the connection gone.
   EXPECT_EQ(Send("NOOP"), -1);
+}
+
+TEST_F(TransportTest, NoCommandIsSentOnceTheGraceAfterATerminationRequestIsOver) {
+  struct Case {
+    const char* command;
+    bool transfer;      // with a data callback: not even PASV goes out
+    const char* shown;  // in the message; a password never is
+  };
+  const Case cases[] = {
+      {"NOOP", false, "NOOP"},
+      {"USER qsecofr", false, "USER qsecofr"},
+      {"PASS Sup3rS3cret", false, "PASS ********"},
+      {"pass Sup3rS3cret", false, "PASS ********"},
+      {"RETR /QSYS.LIB/QTEMP.LIB/SAV1.SAVF", true, "RETR /QSYS.LIB/QTEMP.LIB/SAV1.SAVF"},
+  };
+  FakeFtpServer server(LoginScript());
+  ASSERT_NE(Open(server), nullptr);
+  // A thread of its own, that has ended no transfer.
+  std::thread([&] {
+    ASSERT_TRUE(RequestWithGraceOver(SIGHUP));
+    for (const Case& c : cases) {
+      SCOPED_TRACE(c.command);
+      StderrCapture err;
+      std::string got;
+      EXPECT_EQ(c.transfer ? Retr(c.command, &got) : Send(c.command), -1);
+      const std::string text = err.Text();
+      const std::string escaped = std::regex_replace(c.shown, std::regex(R"([.*])"), R"(\$&)");
+      EXPECT_TRUE(std::regex_search(
+          text, std::regex(R"(\[socket\.cpp,\d+\]: termination requested: )" + escaped + " not sent\n")))
+          << text;
+      EXPECT_EQ(text.find("Sup3rS3cret"), std::string::npos) << text;
+    }
+    EXPECT_EQ(server.Commands(), std::vector<std::string>{});
+    // The end of a transfer on this thread opens a grace of its own: the
+    // command goes out and is answered.
+    NoteTransferEnded();
+    EXPECT_EQ(Send("NOOP"), 0);
+    EXPECT_EQ(server.Commands(), std::vector<std::string>{"NOOP"});
+  }).join();
 }
 
 }  // namespace
