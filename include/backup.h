@@ -218,6 +218,7 @@ struct ListingContext {
   ObjectNode* directory;       // where entries are appended
   int errors;                  // lines of the current listing that failed
   bool carry_overflow;         // the line being assembled is too long
+  uint8_t unchanged;           // an entry it names was left out as older than --date
   char path_buffer[PathBufferSize];
 };
 
@@ -363,6 +364,6 @@ void PlaceObject(ObjectNode** kinds, ObjectNode* dir, char* path);
 // Saves every object of a kind tree; 0, or -1 without a valid archive.
 int SaveBlock(FtpSession* session, ObjectNode* tree, int number, BackupTotals* totals);
 // The backup run mode: the exit status (0, 1 or 2), or -1 when the archive
-// or the lists cannot be made. Ends the process with 143 after a
-// termination request.
+// or the lists cannot be made. Ends the process with TerminationStatus()
+// after a termination request.
 int BackupDriver(FtpSession* session);

@@ -118,11 +118,6 @@ struct TransferStats {
   double transfer_seconds;
 };
 
-// Thrown at a retrieval's end when a termination was requested: the worker
-// thread ends there, its entry whole. Caught only at the thread's top.
-struct ThreadExit {};
-void EndThreadIfTerminating();
-
 // The save family: each saves the object (its name a full server path) into
 // QTEMP/SAV<number> and retrieves the save file into the archive through
 // callback and writer. 0 on success, -1 on failure.

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cctype>
+#include <climits>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -904,6 +905,18 @@ bool EndsInLib(const char* name) {
   return dot && strcmp(dot, ".LIB") == 0;
 }
 
+// Whether an entry listed under the root of an include path is one the
+// include path names: every entry of the server's root ("/"), or one that
+// matches the pattern in the include path's last part.
+bool NamedByIncludeRoot(const ObjectNode* directory, const char* name) {
+  if (directory->parent) return false;
+  const char* listed = directory->name ? directory->name : "";
+  if (strcmp(listed, "/") == 0) return true;
+  const char* slash = strrchr(listed, '/');
+  const char* pattern = slash ? slash : listed;
+  return fnmatch(pattern, name, FNM_PATHNAME | FNM_LEADING_DIR) == 0;
+}
+
 // Decides what becomes of one parsed entry of the directory being listed.
 void PlaceListedEntry(ListingContext* context, ParsedEntry* entry) {
   ObjectNode* directory = context->directory;
@@ -935,6 +948,9 @@ void PlaceListedEntry(ListingContext* context, ParsedEntry* entry) {
       if (Settings.verbosity >= 1)
         LogMessageTo(stderr, "%s: excluding %s since it's older than given time\n", ProgramName,
                      entry->name);
+      // An include path whose object is only unchanged was found all the
+      // same: it is no failure of the backup.
+      if (NamedByIncludeRoot(directory, entry->name)) context->unchanged = 1;
       return;
     }
   }
@@ -1080,6 +1096,7 @@ int WalkDirectory(FtpSession* session, ObjectNode* dir, char* path, ListingConte
   context->directory = dir;
   context->errors = 0;
   context->carry[0] = '\0';
+  context->carry_overflow = false;
   ListCalls++;
   if (ListDirectory(session, path, ListingCallback, context, dir) != 0) {
     VFAIL("list failed\n%s\n", path);
@@ -1155,8 +1172,10 @@ ObjectNode* BuildIncludeList(FtpSession* session) {
       } else {
         context->directory = root;
         context->found = 0;
+        context->unchanged = 0;
         context->errors = 0;
         context->carry[0] = '\0';
+        context->carry_overflow = false;
         ListCalls++;
         if (ListDirectory(session, line, ListingCallback, context, root) != 0) {
           VFAIL("list failed\n");
@@ -1164,7 +1183,13 @@ ObjectNode* BuildIncludeList(FtpSession* session) {
           return nullptr;
         }
         context->errors += FinishListing(context);
-        if (!context->found) {
+        if (context->errors > 0) {
+          // A line that could not be read may be the very object the
+          // include path names: it counts like any other parse error.
+          VFAIL("%d parse errors in directory %s\n", context->errors, line);
+          ParseErrors += static_cast<uint64_t>(context->errors);
+        }
+        if (!context->found && !context->unchanged) {
           LogMessage("Object not found: %s\n", include);
           if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s\n", include);
           IncludesMissed++;
@@ -1194,9 +1219,6 @@ std::atomic<uint64_t> ArchiveEntries{0};
 
 namespace {
 
-// Set once any space was reserved, so that the driver gives back whatever a
-// broken transfer left reserved.
-std::atomic<bool> ArchiveSpaceReserved{false};
 
 // A large entry's space is reserved on the file system ahead of its data
 // (fallocate, keeping the file's size): writing into reserved space costs
@@ -1215,7 +1237,6 @@ void ReserveAhead(ArchiveWriter* writer) {
     return;
   }
   writer->reserved = 1;
-  ArchiveSpaceReserved = true;
   writer->reserve_at = static_cast<uint64_t>(writer->bytes) + Ahead / 2;
 }
 
@@ -1396,8 +1417,7 @@ void ReportThreadTotals(uint32_t number, const BackupTotals& totals) {
 }
 
 void* BackupWorker(void* argument) {
-  // Nothing may escape a thread: a termination request ends the worker
-  // here, with its entry whole and no totals to return.
+  // Nothing may escape a thread.
   try {
     auto* work = static_cast<WorkerArgument*>(argument);
     auto* totals = new (std::nothrow) BackupTotals{};
@@ -1416,8 +1436,6 @@ void* BackupWorker(void* argument) {
     if (session) Quit(session);
     if (Settings.verbosity >= 1) ReportThreadTotals(number, *totals);
     return totals;
-  } catch (const ThreadExit&) {
-    return nullptr;
   } catch (...) {
     VFAIL("worker ended by an unexpected error\n");
     return nullptr;
@@ -1470,6 +1488,11 @@ int ProcessObject(FtpSession* session, ObjectFile* object, int number, ArchiveWr
   size_t stored = strlen(name) + (S_ISDIR(object->mode) ? strlen(CtarDirectorySuffix) : 0);
   bool fits = stored <= CtarMaxName;
   if (!fits) VFAIL("path too long\n");
+  // Nothing more can be appended to a broken archive: no save is run for it.
+  if (fits && ArchiveBroken) {
+    VFAIL("the archive is broken: nothing more is appended\n");
+    fits = false;
+  }
   TransferStats stats{};
   if (!fits || save(session, object, number, &stats, ArchiveWriteCallback, writer) != 0) {
     LogMessageTo(stderr, "Backup Failure: %s\n", object->name);
@@ -1654,15 +1677,25 @@ int PrepareArchiveFile(const char* path) {
   struct stat st{};
   if (lstat(path, &st) == 0) {
     if (S_ISLNK(st.st_mode)) {
-      // A link to an archive: the file it names is replaced, the link stays.
+      // A link to an archive: the file it names is made or replaced, the
+      // link stays.
       char* target = realpath(path, nullptr);
-      if (!target || stat(target, &st) != 0) {
-        LogMessageTo(stderr, "%s: --backup %s: a symbolic link that leads nowhere\n", ProgramName, path);
+      const int error = errno;
+      if (target) {
+        final_path = target;
         free(target);
-        return -1;
+        if (stat(final_path.c_str(), &st) != 0) st.st_mode = S_IFREG;
+      } else {
+        std::vector<char> link(PATH_MAX + 1);
+        ssize_t length = readlink(path, link.data(), PATH_MAX);
+        if (length <= 0 || error != ENOENT) {
+          LogMessageTo(stderr, "%s: --backup %s: a symbolic link that leads nowhere\n", ProgramName, path);
+          return -1;
+        }
+        std::string named(link.data(), static_cast<size_t>(length));
+        final_path = named[0] == '/' ? named : DirectoryOf(path) + "/" + named;
+        st.st_mode = S_IFREG;  // a new file, made through the link's own path
       }
-      final_path = target;
-      free(target);
     }
     if (!S_ISREG(st.st_mode)) {
       LogMessageTo(stderr, "%s: --backup %s: is %s; an archive must be a regular file or a new path\n",
@@ -1682,7 +1715,7 @@ int PrepareArchiveFile(const char* path) {
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
     descriptor = mkostemp(name.data(), O_CLOEXEC);
-    if (descriptor >= 0) temp = name.data();
+    temp = name.data();
   }
   if (descriptor < 0) {
     VFAIL("open(%s): %s\n", temp.c_str(), strerror(errno));
@@ -1692,6 +1725,7 @@ int PrepareArchiveFile(const char* path) {
   ArchiveFile.temp_path = temp;
   ArchiveDescriptor = descriptor;
   ArchiveBroken = false;
+  ArchiveEntries = 0;
   return 0;
 }
 
@@ -1714,14 +1748,12 @@ int CommitArchiveFile() {
   ArchiveDescriptor = -1;
   // The new name itself must reach the disk, or a crash could bring the
   // old archive back.
+  // The archive is whole and in place by now; a directory that cannot be
+  // synced (some file systems refuse) is reported, but fails nothing.
   std::string directory = DirectoryOf(ArchiveFile.final_path);
   int dir = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dir < 0 || fsync(dir) != 0) {
-    VFAIL("fsync(%s): %s\n", directory.c_str(), strerror(errno));
-    if (dir >= 0) close(dir);
-    return -1;
-  }
-  close(dir);
+  if (dir < 0 || fsync(dir) != 0) VFAIL("fsync(%s): %s\n", directory.c_str(), strerror(errno));
+  if (dir >= 0) close(dir);
   return 0;
 }
 
@@ -1796,7 +1828,8 @@ int BackupDriver(FtpSession* session) {
   // then run side by side, or one after another without threading.
   for (int i = 0; i < kind_count; i++) {
     ObjectNode* tree = kinds[i];
-    if (!tree || tree->count == 0) continue;
+    // A tree of nothing but empty directories still has units to save.
+    if (!tree || (!tree->first_dir && !tree->first_file)) continue;
     if (TerminationRequested.load()) break;  // no new worker for a run that is ending
     auto* argument = new (std::nothrow) WorkerArgument{static_cast<uint32_t>(i), tree};
     if (!argument) {
@@ -1822,8 +1855,6 @@ int BackupDriver(FtpSession* session) {
   }
   for (int i = 1; i < kind_count; i++)
     if (started[static_cast<size_t>(i)]) CollectWorker(threads[static_cast<size_t>(i)], i, kinds[i], &sum);
-  // A transfer broken by a lost connection may have left space reserved.
-  if (ArchiveSpaceReserved) ReleaseReservedSpace(descriptor);
 
   if (TerminationRequested.load()) EndTerminatedBackup();
   const double t2 = Now();
@@ -1865,6 +1896,14 @@ int BackupDriver(FtpSession* session) {
     VFAIL("the archive is not whole: it is not kept\n");
     DiscardArchiveFile();
     return -1;
+  }
+  // An archive of nothing from a run that failed would replace an existing
+  // one with nothing: the old one stays. (A run that had nothing to save,
+  // with nothing failed, makes its empty archive.)
+  if (ArchiveEntries.load() == 0 && status != 0) {
+    VFAIL("no entry was saved: no archive is made, an existing one stays\n");
+    DiscardArchiveFile();
+    return status;
   }
   if (CommitArchiveFile() != 0) return -1;
   return status;

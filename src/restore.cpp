@@ -4,6 +4,7 @@
 #include "restore.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -33,6 +34,38 @@ int64_t WholeBlocks(int64_t count) { return count > 0 ? (count + Block - 1) / Bl
 
 const char* ArchivePath() { return Settings.restore_path ? Settings.restore_path : "-"; }
 
+// The archive when it is a pipe or another stream rather than a file:
+// -1 otherwise.
+int StreamDescriptor = -1;
+
+// One read of the archive. A stream is waited for beside the termination
+// wake-up: a request must not be held up by a writer that stalls. After a
+// request a stream gets the grace to bring more data; one that brings
+// nothing in that time is given up (errno ECANCELED).
+ssize_t ReadArchive(int descriptor, void* buffer, size_t length) {
+  static bool given_up = false;  // once given up, the stream is not waited for again
+  while (descriptor >= 0 && descriptor == StreamDescriptor) {
+    if (given_up) {
+      errno = ECANCELED;
+      return -1;
+    }
+    const int wake = TerminationWakeDescriptor();
+    const bool requested = TerminationRequested.load() != 0;
+    struct pollfd set[2] = {{descriptor, POLLIN, 0}, {wake, POLLIN, 0}};
+    int ready = poll(set, !requested && wake >= 0 ? 2 : 1, requested ? TerminationGraceMs : -1);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready < 0) return -1;
+    if (set[0].revents) break;
+    if (requested && ready == 0) {
+      given_up = true;
+      errno = ECANCELED;
+      return -1;
+    }
+    // Woken by a request: wait again, now within the grace.
+  }
+  return read(descriptor, buffer, length);
+}
+
 // Reads until length bytes are in, the archive ends or a read fails. A pipe
 // may deliver a block in pieces; gathering them keeps every later read on a
 // block boundary. Gives the bytes read, or -1 (errno set) when the very
@@ -41,7 +74,7 @@ ssize_t ReadWhole(int descriptor, void* buffer, size_t length) {
   auto* at = static_cast<char*>(buffer);
   size_t got = 0;
   while (got < length) {
-    ssize_t n = read(descriptor, at + got, length - got);
+    ssize_t n = ReadArchive(descriptor, at + got, length - got);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return got > 0 ? static_cast<ssize_t>(got) : -1;
     if (n == 0) break;
@@ -447,7 +480,7 @@ int SkipArchiveData(int descriptor, int64_t count) {
   int64_t remaining = rounded;
   while (remaining > 0) {
     const int length = static_cast<int>(std::min<int64_t>(page, remaining));
-    ssize_t got = read(descriptor, ScratchPage, static_cast<size_t>(length));
+    ssize_t got = ReadArchive(descriptor, ScratchPage, static_cast<size_t>(length));
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) VFAIL("read(list, %d): %s\n", length, strerror(errno));
     if (got <= 0) {
@@ -491,6 +524,8 @@ int PrepareRestore() {
   const char* path = ArchivePath();
   const int descriptor = OpenArchive(path);
   if (descriptor < 0) return -1;
+  struct stat st{};
+  StreamDescriptor = fstat(descriptor, &st) == 0 && S_ISREG(st.st_mode) ? -1 : descriptor;
   // The first block is read here and kept: on standard input it cannot be
   // read a second time.
   ssize_t got = ReadWhole(descriptor, Opened.first, sizeof Opened.first);
@@ -539,6 +574,7 @@ int RestoreArchive(FtpSession* session) {
       memcpy(header, Opened.first, sizeof header);
       first = false;
     } else {
+      if (TerminationRequested.load()) break;  // no next entry for a run that is ending
       // Cleared first, so that a failed read leaves nothing of the previous
       // header to be taken for a new one.
       memset(header, 0, sizeof header);
@@ -601,6 +637,9 @@ int RestoreArchive(FtpSession* session) {
       Ahead().Stop();
     }
 
+    // A run that is ending reads no further: skipping may mean reading
+    // through gigabytes of a pipe.
+    if (outcome != Outcome::Restored && TerminationRequested.load()) break;
     if (outcome == Outcome::Skipped && SkipArchiveData(descriptor, size) != 0)
       outcome = Outcome::Failed;
     if (outcome == Outcome::Failed) {

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <climits>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -213,7 +214,7 @@ int OpenPathFile(FILE** slot, const char* path) {
 int OpenDescriptorStream(FILE** slot, const char* argument) {
   ReplaceStream(slot, nullptr);
   long descriptor = 0;
-  if (!WholeLong(argument, &descriptor)) {
+  if (!WholeLong(argument, &descriptor) || errno == ERANGE || descriptor < 0 || descriptor > INT_MAX) {
     LogMessageTo(stderr, "%s: '%s': can't parse file descriptor\n", ProgramName, argument);
     return -1;
   }
@@ -233,7 +234,7 @@ int SetDate(const char* argument) {
   errno = 0;
   long long seconds = strtoll(argument, &end, 0);
   int result = 0;
-  if (end == argument || *end != '\0') {
+  if (end == argument || *end != '\0' || errno == ERANGE) {
     LogMessageTo(stderr, "%s: '%s': can't parse timestamp\n", ProgramName, argument);
     result = -1;
   }
@@ -253,7 +254,9 @@ int SetMaxBlockSize(const char* argument) {
   char* end = nullptr;
   errno = 0;
   Settings.max_block_size = strtoull(argument, &end, 0);
-  if (end == argument || *end != '\0') {
+  // strtoull takes "-1" as the largest value there is: a size is never
+  // negative, and one beyond 64 bits is no size either.
+  if (end == argument || *end != '\0' || errno == ERANGE || strchr(argument, '-')) {
     LogMessageTo(stderr, "%s: '%s': can't parse block size\n", ProgramName, argument);
     return -1;
   }
@@ -706,7 +709,7 @@ int VondralMain(int argc, char** argv) {
   // a file that is no CTAR archive sends nothing to the server.
   const bool restore_mode = Settings.test_count == 0 && !Settings.list && !Settings.backup_path &&
                             Settings.restore_path;
-  if (restore_mode && PrepareRestore() != 0) return 255;
+  if (restore_mode && PrepareRestore() != 0) return TerminationRequested.load() ? TerminationStatus() : 255;
   FtpSession* session = NewSession(Settings.server, "ftp");
   if (!session) {
     DiscardArchiveFile();

@@ -63,6 +63,12 @@ def test_missing_credentials(run, usage_lines):
     (["--list", "3x"], ["vondral: '3x' can't parse file descriptor".replace("'3x' ", "'3x': ")]),
     (["--notbackedup", "zz"], ["vondral: 'zz': can't parse file descriptor"]),
     (["--maxblocksize", "12q"], ["vondral: '12q': can't parse block size"]),
+    (["--maxblocksize", "-1"], ["vondral: '-1': can't parse block size"]),
+    (["--maxblocksize", "99999999999999999999999"],
+     ["vondral: '99999999999999999999999': can't parse block size"]),
+    (["--date", "99999999999999999999"], ["vondral: '99999999999999999999': can't parse timestamp"]),
+    (["--notbackedup", "99999999999"], ["vondral: '99999999999': can't parse file descriptor"]),
+    (["--list", "-3"], ["vondral: '-3': can't parse file descriptor"]),
     (["--date", "yesterday"], ["vondral: 'yesterday': can't parse timestamp"]),
     (["-vx"], ["vondral: verbose value must be a number"]),
     (["--verbose=3y"], ["vondral: verbose value must be a number"]),
@@ -164,7 +170,6 @@ def test_path_files_are_checked_before_anything_is_sent(run, usage_lines, tmp_pa
     (lambda p: p.mkdir(), "is a directory"),
     (lambda p: os.mkfifo(p), "is a pipe"),
     (lambda p: os.symlink("/dev/null", p), "is a character device"),
-    (lambda p: os.symlink("/nonexistent/target", p), "a symbolic link that leads nowhere"),
 ])
 def test_a_backup_path_that_is_no_regular_file_is_refused_before_connecting(run, tmp_path,
                                                                              make, kind):
@@ -191,3 +196,13 @@ def test_a_backup_that_cannot_log_in_leaves_no_file_and_an_old_archive_untouched
     r = run("-s", "127.0.0.1", "-c", "u:here:p", "-b", str(old))
     assert r.status == 255 and "Connection refused" in r.err
     assert sorted(os.listdir(tmp_path)) == ["a.ctar"] and old.read_bytes() == b"old archive"
+
+
+def test_a_link_to_a_missing_archive_names_where_it_is_made(run, tmp_path):
+    # The link's target is the new archive; its directory must exist.
+    link = tmp_path / "current.ctar"
+    os.symlink(tmp_path / "missing" / "a.ctar", link)
+    r = run("-s", "127.0.0.1", "-c", "u:here:p", "-b", str(link))
+    assert r.status == 255
+    assert re.match(r"vondral\[backup\.cpp,\d+\]: open\(%s\): No such file or directory$"
+                    % re.escape(str(tmp_path / "missing" / "a.ctar.partial")), r.err_lines[0]), r.err

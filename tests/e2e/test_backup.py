@@ -278,3 +278,58 @@ def test_a_last_listing_line_without_a_line_end_is_saved_like_any_other(sim_fact
     assert r.status == 0, r.err
     assert sorted(names(r)) == ["/data/sub/y.txt", "/data/z.txt"]
     assert "** Parsing Errors" not in r.out
+
+
+@pytest.mark.parametrize("target_exists", [False, True])
+def test_an_archive_behind_a_link_is_made_at_the_links_target(sim_factory, tmp_path, target_exists):
+    (tmp_path / "store").mkdir()
+    target = tmp_path / "store" / "monday.ctar"
+    if target_exists:
+        target.write_bytes(b"last week")
+    link = tmp_path / "current.ctar"
+    os.symlink(os.path.relpath(target, tmp_path), link)
+    r = backup(sim_factory(tree=SAMPLE), tmp_path, "-b", link, tag="x")
+    assert r.status == 0, r.err
+    assert os.path.islink(link) and len(read_archive(target)) == 6
+
+
+def test_a_line_of_an_include_paths_listing_that_cannot_be_read_is_no_success(sim_factory,
+                                                                             tmp_path):
+    # The unreadable line may be the very directory the run should save.
+    sim = sim_factory(tree={"data": {"a": "a"}}, config={"extra_list_lines": {
+        "/": ["drwxr-xr-x   2 QSYS 0 8192 Xyz  5 14:07 hidden"]}})
+    r = backup(sim, tmp_path, exclude=NO_SPECIALS)
+    assert r.status == 2, r.out + r.err
+    assert "** Parsing Errors : 1" in r.out_lines
+    assert has_fail(r.err_lines, "backup", "1 parse errors in directory /")
+    assert names(r) == ["/data"]
+
+
+def test_an_unchanged_object_named_by_the_include_file_is_no_failure(sim_factory, tmp_path):
+    sim = sim_factory(tree=DATED)
+    r = backup(sim, tmp_path, "-d", CUTOFF, include="/data/old/o.txt\n/data/new/n.txt\n",
+               exclude=NO_SPECIALS)
+    assert r.status == 0, r.out + r.err
+    assert not any(line.startswith("Object not found") for line in r.out_lines)
+    assert r.notbackedup == []
+    assert names(r) == ["/data/new/n.txt"]
+
+
+def test_a_run_that_saved_nothing_and_failed_keeps_the_old_archive(sim_factory, tmp_path):
+    old = tmp_path / "a.ctar"
+    old.write_bytes(b"yesterday's archive")
+    sim = sim_factory(tree=SAMPLE, config={"replies": [
+        {"match": "^RCMD SAV", "reply": "550 CPF3781 Object not found."}]})
+    r = backup(sim, tmp_path)
+    assert r.status == 2
+    assert has_fail(r.err_lines, "backup", "no entry was saved: no archive is made, an existing "
+                    "one stays")
+    assert old.read_bytes() == b"yesterday's archive"
+    assert not list(tmp_path.glob("a.ctar.partial*"))
+
+
+def test_an_empty_directory_alone_in_its_kind_is_saved(sim_factory, tmp_path):
+    sim = sim_factory(tree={"home": {"empty": {}}})
+    r = backup(sim, tmp_path, include="/home/empty\n", exclude=NO_SPECIALS)
+    assert r.status == 0, r.out + r.err
+    assert names(r) == ["/home/empty"]

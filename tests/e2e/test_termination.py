@@ -15,6 +15,7 @@ import types
 
 import pytest
 
+import ctarlib
 import simlib
 from ctarread import read_archive
 from vlib import Run, creds, has_fail
@@ -228,6 +229,8 @@ def test_a_flowing_transfer_is_finished_whole(sim_factory, client, tmp_path):
     assert r.status == 143, r.err
     assert r.seconds > GRACE  # waited for the data, not for the grace
     assert verified_entries(archive) == SPECIAL | {"/big"}
+    # The finished entry is reported like any other, before the run ends.
+    assert "Backup Success: /big" in r.out_lines, r.out
     big, = [e for e in read_archive(archive) if e.name == "/big"]
     with tarfile.open(fileobj=io.BytesIO(big.data)) as image:
         assert image.extractfile("o").read() == content
@@ -275,3 +278,33 @@ def test_a_second_request_ends_the_run_at_once(sim_factory, client, tmp_path, fi
     assert r.status == 128 + second, r.err
     assert archive.read_bytes() == OLD_ARCHIVE
     assert temporaries(archive) == [archive.name + ".partial"]
+
+
+def test_a_restore_from_a_pipe_that_stalls_ends_on_request(sim_factory, tmp_path):
+    # The archive's writer sends an entry's header and some of its data,
+    # then nothing: the upload's reads wait beside the termination wake-up
+    # and give up once the grace has passed without data.
+    sim = sim_factory(tree=TREE)
+    header = ctarlib.header("/data/x", 100000)
+    proc = subprocess.Popen([str(simlib.vondral_bin()), "-s", sim.addr, "-c", creds(), "-r", "-"],
+                            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    try:
+        proc.stdin.write(header + b"x" * 4096)
+        proc.stdin.flush()
+        deadline = time.monotonic() + 20
+        while not any(c.startswith("STOR") for c in sim.lines()):
+            assert time.monotonic() < deadline and proc.poll() is None
+            time.sleep(0.02)
+        time.sleep(0.5)
+        proc.send_signal(INT)
+        started = time.monotonic()
+        proc.wait(timeout=BOUND)  # the archive's pipe stays open all along
+        assert GRACE - 1 < time.monotonic() - started < GRACE + 3
+        proc.stdin.close()
+        err = proc.stderr.read()
+    finally:
+        if proc.poll() is None:
+            proc.kill()
+            proc.communicate()
+    assert proc.returncode == 130, err
+    assert b"Restore Terminated Cleanly" in err
