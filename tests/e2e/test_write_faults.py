@@ -167,16 +167,18 @@ def check_promises(r, work, tag, old, clean_entries):
     the archive put in place (None when there is none)."""
     archive = r.archive
     assert not leftovers(work, tag), "temporary files left: %s" % leftovers(work, tag)
-    if r.status == 255:
+    successes = after("Backup Success: ", r.out_lines)
+    # A failed run, and one that failed to save anything, makes no archive:
+    # an older one stays as it was.
+    if r.status == 255 or (r.status != 0 and not successes):
         if old is None:
             assert not archive.exists(), "an archive was put in place by a failed run"
         else:
             assert archive.read_bytes() == old, "a failed run changed the older archive"
-        return None
+        return [] if r.status != 255 else None
     assert r.status in (0, 1, 2), r.status
     entries = verified(archive)
     names = [e.name for e in entries]
-    successes = after("Backup Success: ", r.out_lines)
     failures = after("Backup Failure: ", r.err_lines)
     missing = [s for s in successes if s not in names]
     assert not missing, "reported saved, but not in the archive: %s" % missing
