@@ -32,11 +32,13 @@ uint32_t CurrentThreadIdentity();
 // Frees the registry; a later registration starts again from 0.
 void FreeThreadRegistry();
 
-// Internal failures carry the reporting module's source file and line, taken
-// from the compiler so that no message has to spell them out by hand.
-#define VFAIL(fmt, ...)                                                         \
-  LogMessageTo(stderr, "%s[%s,%d]: " fmt, ProgramName, __FILE_NAME__, __LINE__ \
-               __VA_OPT__(, ) __VA_ARGS__)
+// Internal failures carry the reporting module's name and the source line.
+// Each source file says once which module it reports as, in a constant
+// `kModule` ("backup.cpp", ...; several files may share a module, so the
+// name in a message does not depend on where the code lives); the line
+// comes from the compiler.
+#define VFAIL(fmt, ...) \
+  LogMessageTo(stderr, "%s[%s,%d]: " fmt, ProgramName, kModule, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
 // Every bounded copy of text goes through these helpers; nothing else in the
 // program copies protocol or path text by hand.

@@ -25,6 +25,9 @@
 #include "support.h"
 #include "vondral.h"
 
+// The module this file reports as in failure messages.
+static constexpr const char* kModule = "backup.cpp";
+
 // ---------------------------------------------------------------------------
 // Object tree
 // ---------------------------------------------------------------------------
@@ -1142,8 +1145,8 @@ ObjectNode* BuildIncludeList(FtpSession* session) {
   if (!Settings.include) {
     CopyBounded(line, PathBufferSize, "/");
   } else if (!ReadPathLine(Settings.include, line, PathBufferSize)) {
-    LogMessageTo(stderr, "%s[%s:%d] : Error reading from include stream\n", ProgramName,
-                 __FILE_NAME__, __LINE__);
+    LogMessageTo(stderr, "%s[%s:%d] : Error reading from include stream\n", ProgramName, kModule,
+                 __LINE__);
     FreeTree(root);
     return nullptr;
   }

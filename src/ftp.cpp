@@ -1,18 +1,25 @@
-// The FTP session: login, server checks, QUIT, checkpoint recovery and the
-// archive lock's holder mark.
+// The FTP session: login, server checks, QUIT, checkpoint recovery, remote
+// listing, and the save and restore command families.
 #include "ftp.h"
 
 #include <pthread.h>
+#include <strings.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
+#include <climits>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
 #include "backup.h"
 #include "support.h"
 #include "vondral.h"
+
+// The module this file reports as in failure messages.
+static constexpr const char* kModule = "ftp.cpp";
 
 std::atomic<int> ServerRelease{0};
 
@@ -625,12 +632,6 @@ int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* objec
 // Restore command family
 // ---------------------------------------------------------------------------
 
-#include <strings.h>
-#include <sys/time.h>
-
-#include <cctype>
-#include <climits>
-#include <cstddef>
 
 namespace {
 

@@ -23,6 +23,9 @@
 #include "support.h"
 #include "vondral.h"
 
+// The module this file reports as in failure messages.
+static constexpr const char* kModule = "restore.cpp";
+
 int RestoredProfiles = 0;
 
 namespace {

@@ -23,6 +23,9 @@
 #include "support.h"
 #include "vondral.h"
 
+// The module this file reports as in failure messages.
+static constexpr const char* kModule = "socket.cpp";
+
 int PollStepMs = 60000;
 
 int ParsePassiveReply(const char* reply, sockaddr_in* address, char* text, size_t text_size) {

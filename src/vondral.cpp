@@ -22,6 +22,9 @@
 #include "ftp.h"
 #include "restore.h"
 
+// The module this file reports as in failure messages.
+static constexpr const char* kModule = "vondral.cpp";
+
 RunSettings Settings;
 int StderrIsTerminal = 0;
 int PageSize = 4096;
