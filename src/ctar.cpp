@@ -4,7 +4,7 @@
 // a broken retrieval hid behind a premature sentinel.
 //
 // Every header is judged by the format code that backup and restore share
-// (backup.h) and every entry's kind comes from the restore dispatch
+// (ctar_format.h) and every entry's kind comes from the restore dispatch
 // (restore.h): the tool cannot disagree with what a restore would do.
 #include <fcntl.h>
 #include <getopt.h>
@@ -24,7 +24,7 @@
 #include <string>
 #include <vector>
 
-#include "backup.h"
+#include "ctar_format.h"
 #include "restore.h"
 #include "support.h"
 

@@ -18,7 +18,7 @@
 #include <mutex>
 #include <thread>
 
-#include "backup.h"
+#include "ctar_format.h"
 #include "ftp.h"
 #include "support.h"
 #include "vondral.h"
