@@ -1,0 +1,324 @@
+// The save command family: each member saves one object into the session's
+// save file on the server and retrieves that save file into the archive as
+// one entry.
+#include <pthread.h>
+#include <strings.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "backup.h"
+#include "ftp.h"
+#include "support.h"
+#include "vondral.h"
+
+// Failures here are the ftp module's, as they always were.
+static constexpr const char* kModule = "ftp.cpp";
+
+namespace {
+
+// Save replies are kept to 127 characters, what the failure messages quote.
+constexpr int ShortReplySize = 128;
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Save command family
+// ---------------------------------------------------------------------------
+
+namespace {
+
+double Elapsed(const struct timeval& from, const struct timeval& to) {
+  return static_cast<double>(to.tv_sec - from.tv_sec) +
+         static_cast<double>(to.tv_usec - from.tv_usec) / 1000000;
+}
+
+// Closes the entry whose data the retrieval has written behind the old end
+// block: the last block padded with zeros, a new end block behind it, and
+// the header over the old end block. Nothing of it counts until the header
+// is in place; a write that fails leaves the cut-back to the guard. 0, or
+// -1 after a message.
+int CloseEntry(ArchiveAppend* append, const ObjectFile* object) {
+  ArchiveWriter* writer = append->Writer();
+  const int descriptor = writer->descriptor;
+  if (writer->pending > 0) {
+    memset(writer->block + writer->pending, 0, CtarBlockSize - static_cast<size_t>(writer->pending));
+    ssize_t written = WriteFull(descriptor, writer->block, CtarBlockSize);
+    if (written != static_cast<ssize_t>(CtarBlockSize)) {
+      if (written < 0)
+        VFAIL("write(): %s\n", strerror(errno));
+      else
+        VFAIL("write(,, %d) = %d\n", static_cast<int>(CtarBlockSize), static_cast<int>(written));
+      return -1;
+    }
+    writer->bytes += writer->pending;
+    writer->pending = 0;
+  }
+  if (writer->bytes <= 0) {
+    // A save file is never empty: whatever the server said, there is
+    // nothing here that a restore could bring back.
+    LogMessage("Block returned no data\n");
+    return -1;
+  }
+  unsigned char block[CtarBlockSize];
+  if (WriteFull(descriptor, BuildCtarSentinel(block), CtarBlockSize) != static_cast<ssize_t>(CtarBlockSize)) {
+    VFAIL("CTAR sentinel failed write(): %s\n", strerror(errno));
+    return -1;
+  }
+  BuildCtarHeader(block, object->name, static_cast<uint64_t>(writer->bytes), object->mode, object->mtime);
+  size_t written = 0;
+  ssize_t result =
+      PwriteFull(descriptor, block, CtarBlockSize, append->Start() - static_cast<off64_t>(CtarBlockSize), &written);
+  // Only a header that went out in part spoils the old end block; one that
+  // did not go out at all leaves it as it was, with nothing to write back
+  // on a disk that may be full.
+  if (written > 0 && written < CtarBlockSize) append->TouchEndBlock();
+  if (result != static_cast<ssize_t>(CtarBlockSize)) {
+    VFAIL("CTAR header failed to update: %s\n", strerror(errno));
+    return -1;
+  }
+  append->Commit();
+  return 0;
+}
+
+// What a failed save reply means for the object.
+enum class PartialRule {
+  None,          // every failure fails
+  NotSavedCount, // 550 "<n> objects saved. <m> objects not saved.." with precheck off
+  AnyFailure,    // with precheck off every failure is a partial save
+};
+
+struct SaveCommand {
+  const char* label;  // "SAV", "SAVLIB", ... as the messages name it
+  bool name_format;   // only the members that name an object need NAMEFMT
+  PartialRule partial;
+};
+
+// Checks a failed save reply for the partial-save phrase; on a match gives
+// the number of objects not saved (as text) and its length.
+bool NotSavedCount(const char* reply, const char** count, int* length) {
+  if (!strstr(reply, "550")) return false;
+  const char* saved = strstr(reply, "objects saved. ");
+  if (!saved) return false;
+  const char* from = saved + strlen("objects saved. ");
+  const char* not_saved = strstr(from, " objects not saved..");
+  if (!not_saved) return false;
+  *count = from;
+  *length = static_cast<int>(not_saved - from);
+  return true;
+}
+
+void ReportPartial(const char* format_count, int length, const char* name, const char* reply) {
+  // The object counts as saved; what it left behind is listed for the
+  // operator all the same.
+  if (format_count) {
+    if (Settings.verbosity >= 1)
+      LogMessageTo(stdout, "%s: %.*s objects not saved\n", name, length, format_count);
+    if (Settings.notbackedup)
+      LogMessageTo(Settings.notbackedup, "%s: %.*s objects not saved\n", name, length, format_count);
+  } else {
+    if (Settings.verbosity >= 1) LogMessageTo(stdout, "%s: %s\n", name, reply);
+    if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s: %s\n", name, reply);
+  }
+}
+
+// The save family shares everything but the command and the judgement of
+// a failed reply: settings, the save file, the command, then retrieval.
+int RunSave(FtpSession* session, ObjectFile* object, int number, TransferStats* stats,
+            DataCallback callback, void* writer, const SaveCommand& save,
+            int (*build)(char* command, ObjectFile* object, int number)) {
+  if (!IsSession(session)) return -1;
+  const uint8_t outer = session->checkpoint_flags;
+  return RunProtected(session, [&]() -> int {
+    if (EnsureParameter(session, &session->structure, 'F', "STRU F", "STRU") != 0 ||
+        EnsureParameter(session, &session->mode, 'S', "MODE S", "MODE") != 0 ||
+        EnsureParameter(session, &session->type, 'I', "TYPE I", "TYPE") != 0 ||
+        (save.name_format &&
+         EnsureParameter(session, &session->name_format, '1', "SITE NAMEFMT 1", "NAMEFMT") != 0))
+      return -1;
+    char command[CommandBufferSize];
+    FormatBounded(command, sizeof command, "RCMD CLRSAVF FILE(QTEMP/SAV%d)", number);
+    if (SendCommand(session->control, command, nullptr, 0, nullptr, nullptr, nullptr) != 0) {
+      // The save file does not exist yet in this job.
+      FormatBounded(command, sizeof command, "RCMD CRTSAVF FILE(QTEMP/SAV%d)", number);
+      if (SendCommand(session->control, command, nullptr, 0, nullptr, nullptr, nullptr) != 0) {
+        VFAIL("CRTSAVF command failed\n");
+        return -1;
+      }
+    }
+    if (build(command, object, number) != 0) return -1;
+
+    struct timeval started{}, saved{};
+    if (stats) gettimeofday(&started, nullptr);
+    char reply[ShortReplySize] = "";
+    if (SendCommand(session->control, command, reply, sizeof reply, nullptr, nullptr, nullptr) != 0) {
+      reply[sizeof reply - 1] = '\0';
+      const char* count = nullptr;
+      int length = 0;
+      bool partial = false;
+      if (!Settings.precheck && save.partial == PartialRule::NotSavedCount &&
+          NotSavedCount(reply, &count, &length)) {
+        ReportPartial(count, length, object->name, reply);
+        partial = true;
+      } else if (!Settings.precheck && save.partial == PartialRule::AnyFailure) {
+        ReportPartial(nullptr, 0, object->name, reply);
+        partial = true;
+      }
+      if (!partial) {
+        VFAIL("%s command failed\n  %s\n", save.label, reply);
+        return -1;
+      }
+      // Saved, but not all of it: the run must not end as a full success.
+      static_cast<ArchiveWriter*>(writer)->partial = 1;
+    }
+    if (stats) {
+      gettimeofday(&saved, nullptr);
+      stats->save_seconds = Elapsed(started, saved);
+    }
+    // The save ran: from here a broken connection fails the object rather
+    // than saving it a second time.
+    PassPointOfNoReturn(session);
+    char path[64];
+    FormatBounded(path, sizeof path, "/QSYS.LIB/QTEMP.LIB/SAV%d.SAVF", number);
+    struct timeval locked = saved;
+    int result = RetrieveToArchive(session, outer, object, path, &locked, callback,
+                                   static_cast<ArchiveWriter*>(writer));
+    if (stats) {
+      struct timeval done{};
+      gettimeofday(&done, nullptr);
+      stats->wait_seconds = Elapsed(saved, locked);
+      stats->transfer_seconds = Elapsed(locked, done);
+    }
+    return result;
+  });
+}
+
+int BuildSav(char* command, ObjectFile* object, int number) {
+  // A trailing slash would name the directory's contents, not the directory.
+  size_t length = strlen(object->name);
+  if (length > 1 && object->name[length - 1] == '/') object->name[length - 1] = '\0';
+  int n = FormatBounded(command, CommandBufferSize,
+                        "RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/SAV%d.FILE') OBJ(('\"%s\"')) SUBTREE(*ALL) "
+                        "PRECHK(%s) UPDHST(*NO) SAVACT(*YES)",
+                        number, QuoteForCL(object->name), Settings.precheck ? "*YES" : "*NO");
+  if (Settings.cutoff_flag && n < CommandBufferSize)
+    n += FormatBounded(command + n, CommandBufferSize - static_cast<size_t>(n), " CHGPERIOD('%s' '%s')",
+                       Settings.cutoff_date_text, Settings.cutoff_time_text);
+  if (n >= CommandBufferSize) {
+    VFAIL("SAV command too long\n");
+    return -1;
+  }
+  return 0;
+}
+
+int BuildSavlib(char* command, ObjectFile* object, int number) {
+  const char* last = strrchr(object->name, '/');
+  last = last ? last + 1 : object->name;
+  const char* dot = strrchr(last, '.');
+  if (!dot || strcmp(dot, ".LIB") != 0) {
+    VFAIL("bad library name\n");
+    return -1;
+  }
+  int n = FormatBounded(command, CommandBufferSize,
+                        "RCMD SAVLIB LIB(%.*s) DEV(*SAVF) SAVF(QTEMP/SAV%d) PRECHK(%s) UPDHST(*NO) "
+                        "SAVACT(*SYNCLIB) SAVACTWAIT(%s) ACCPTH(*YES)",
+                        static_cast<int>(dot - last), last, number, Settings.precheck ? "*YES" : "*NO",
+                        Settings.wait_text ? Settings.wait_text : "120");
+  if (n >= CommandBufferSize) {
+    VFAIL("SAVLIB command too long\n");
+    return -1;
+  }
+  return 0;
+}
+
+int BuildSavdlo(char* command, ObjectFile*, int number) {
+  FormatBounded(command, CommandBufferSize, "RCMD SAVDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAV%d) SAVACT(*YES)",
+                number);
+  return 0;
+}
+
+int BuildSavsecdta(char* command, ObjectFile*, int number) {
+  FormatBounded(command, CommandBufferSize, "RCMD SAVSECDTA DEV(*SAVF) SAVF(QTEMP/SAV%d) PRECHK(%s)", number,
+                Settings.precheck ? "*YES" : "*NO");
+  return 0;
+}
+
+int BuildSavcfg(char* command, ObjectFile*, int number) {
+  FormatBounded(command, CommandBufferSize, "RCMD SAVCFG DEV(*SAVF) SAVF(QTEMP/SAV%d) PRECHK(%s)", number,
+                Settings.precheck ? "*YES" : "*NO");
+  return 0;
+}
+
+}  // namespace
+
+
+int SAV(FtpSession* session, ObjectFile* object, int number, TransferStats* stats, DataCallback callback,
+        void* writer) {
+  return RunSave(session, object, number, stats, callback, writer, {"SAV", true, PartialRule::NotSavedCount},
+                 BuildSav);
+}
+
+int SAVLIB(FtpSession* session, ObjectFile* object, int number, TransferStats* stats, DataCallback callback,
+           void* writer) {
+  return RunSave(session, object, number, stats, callback, writer, {"SAVLIB", true, PartialRule::AnyFailure},
+                 BuildSavlib);
+}
+
+int SAVDLO(FtpSession* session, ObjectFile* object, int number, TransferStats* stats, DataCallback callback,
+           void* writer) {
+  return RunSave(session, object, number, stats, callback, writer, {"SAVDLO", false, PartialRule::None},
+                 BuildSavdlo);
+}
+
+int SAVSECDTA(FtpSession* session, ObjectFile* object, int number, TransferStats* stats,
+              DataCallback callback, void* writer) {
+  return RunSave(session, object, number, stats, callback, writer,
+                 {"SAVSECDTA", false, PartialRule::NotSavedCount}, BuildSavsecdta);
+}
+
+int SAVCFG(FtpSession* session, ObjectFile* object, int number, TransferStats* stats, DataCallback callback,
+           void* writer) {
+  return RunSave(session, object, number, stats, callback, writer,
+                 {"SAVCFG", false, PartialRule::NotSavedCount}, BuildSavcfg);
+}
+
+int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* object, const char* savf_path,
+                      struct timeval* locked, DataCallback callback, ArchiveWriter* writer) {
+  char command[CommandBufferSize];
+  FormatBounded(command, sizeof command, "RETR %s", savf_path);
+  int result = -1;
+  {
+    // Holds the archive from here to the end of the block and, unless the
+    // entry is closed whole, cuts the archive back to what it was: on a
+    // refused or broken transfer, a failed write, or the abort that carries
+    // a lost control connection back to the caller's checkpoint.
+    ArchiveAppend append(writer);
+    gettimeofday(locked, nullptr);
+    if (append.Usable()) {
+      char reply[ShortReplySize] = "";
+      int sent = SendCommand(session->control, command, reply, sizeof reply, callback, nullptr, writer);
+      session->checkpoint_flags = checkpoint;
+      if (sent != 0) {
+        reply[sizeof reply - 1] = '\0';
+        VFAIL("RETR command failed\n  %s\n", reply);
+        // The transfer hands data over only in calls that carry some.
+        if (writer->calls == 0) LogMessage("Block returned no data\n");
+      } else {
+        result = CloseEntry(&append, object);
+      }
+    } else {
+      session->checkpoint_flags = checkpoint;
+    }
+  }
+  // After a termination request the worker goes no further than this
+  // entry: its block ends before the next object, once the entry's
+  // success, catalog lines and totals are recorded.
+  return result;
+}
+
