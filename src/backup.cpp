@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "ftp.h"
+#include "save_commands.h"
 #include "support.h"
 #include "vondral.h"
 

@@ -20,6 +20,7 @@
 
 #include "ctar_format.h"
 #include "ftp.h"
+#include "restore_commands.h"
 #include "support.h"
 #include "vondral.h"
 

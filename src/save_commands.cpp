@@ -15,6 +15,7 @@
 
 #include "backup.h"
 #include "ftp.h"
+#include "save_commands.h"
 #include "support.h"
 #include "vondral.h"
 

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "ftp.h"
+#include "restore_commands.h"
 #include "fuzz_common.h"
 
 namespace {

@@ -16,6 +16,8 @@
 
 #include "fake_server.h"
 #include "ftp.h"
+#include "restore_commands.h"
+#include "save_commands.h"
 #include "restore.h"
 #include "support.h"
 #include "test_helpers.h"

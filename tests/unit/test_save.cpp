@@ -20,6 +20,7 @@
 #include "backup.h"
 #include "fake_server.h"
 #include "ftp.h"
+#include "save_commands.h"
 #include "support.h"
 #include "test_helpers.h"
 #include "vondral.h"
