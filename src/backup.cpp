@@ -1436,10 +1436,10 @@ int CommitArchiveFile() {
   ArchiveFile.temp_path.clear();
   close(ArchiveDescriptor);
   ArchiveDescriptor = -1;
-  // The new name itself must reach the disk, or a crash could bring the
-  // old archive back.
-  // The archive is whole and in place by now; a directory that cannot be
-  // synced (some file systems refuse) is reported, but fails nothing.
+  // The new name must reach the disk too, or a crash could bring the old
+  // archive back. The archive is whole and in place by now, though: a
+  // directory that cannot be synced (some file systems refuse) is
+  // reported, but fails nothing.
   std::string directory = DirectoryOf(ArchiveFile.final_path);
   int dir = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (dir < 0 || fsync(dir) != 0) VFAIL("fsync(%s): %s\n", directory.c_str(), strerror(errno));
@@ -1457,17 +1457,22 @@ void DiscardArchiveFile() {
 
 namespace {
 
+// Whether a run that ends with this status puts its archive in place. A
+// broken archive never. One with no entry only when nothing failed (a run
+// with nothing to save makes its empty archive): a run that failed, or was
+// terminated, before saving anything would otherwise replace an existing
+// archive with nothing.
+bool KeepArchive(int status) {
+  return !ArchiveBroken && (ArchiveEntries.load() > 0 || status == 0);
+}
+
 // Ends a backup that a termination request stopped: the entries written so
 // far are whole, so the archive is put in place like any other, and the
 // status says which signal ended the run.
-//
-// A terminated run whose archive holds no entry at all keeps the temporary
-// file out of the way instead: an empty archive would replace an existing
-// one with nothing, and nothing is lost by not making it.
 [[noreturn]] void EndTerminatedBackup() {
   VFAIL("Backup Terminated Cleanly\n");
   int status = TerminationStatus();
-  if (ArchiveBroken || ArchiveEntries.load() == 0)
+  if (!KeepArchive(status))
     DiscardArchiveFile();
   else if (CommitArchiveFile() != 0)
     status = 255;
@@ -1587,10 +1592,7 @@ int BackupDriver(FtpSession* session) {
     DiscardArchiveFile();
     return -1;
   }
-  // An archive of nothing from a run that failed would replace an existing
-  // one with nothing: the old one stays. (A run that had nothing to save,
-  // with nothing failed, makes its empty archive.)
-  if (ArchiveEntries.load() == 0 && status != 0) {
+  if (!KeepArchive(status)) {
     VFAIL("no entry was saved: no archive is made, an existing one stays\n");
     DiscardArchiveFile();
     return status;

@@ -523,6 +523,29 @@ bool NothingBehindTheEnd(int descriptor, int64_t end) {
 
 }  // namespace
 
+namespace {
+
+// Reads the header block at offset. 0, or -1 after saying why there is none:
+// the read failed, or the archive ended inside or before the block.
+int ReadHeaderBlock(int descriptor, unsigned char* block, int64_t offset) {
+  // Cleared first, so that a failed read leaves nothing of a previous
+  // header to be taken for a new one.
+  memset(block, 0, CtarBlockSize);
+  ssize_t got = ReadWhole(descriptor, block, CtarBlockSize);
+  if (got < 0) {
+    VFAIL("read(%s, 0x%X, %d): %s\n", ArchivePath(), static_cast<unsigned>(reinterpret_cast<uintptr_t>(block)),
+          static_cast<int>(CtarBlockSize), strerror(errno));
+    return -1;
+  }
+  if (got < static_cast<ssize_t>(CtarBlockSize)) {
+    VFAIL("read short header at offset 0x%llX\n", static_cast<unsigned long long>(offset));
+    return -1;
+  }
+  return 0;
+}
+
+}  // namespace
+
 int PrepareRestore() {
   if (Opened.prepared) return 0;
   const char* path = ArchivePath();
@@ -532,15 +555,7 @@ int PrepareRestore() {
   StreamDescriptor = fstat(descriptor, &st) == 0 && S_ISREG(st.st_mode) ? -1 : descriptor;
   // The first block is read here and kept: on standard input it cannot be
   // read a second time.
-  ssize_t got = ReadWhole(descriptor, Opened.first, sizeof Opened.first);
-  if (got < 0) {
-    VFAIL("read(%s, 0x%X, %d): %s\n", path, static_cast<unsigned>(reinterpret_cast<uintptr_t>(Opened.first)),
-          static_cast<int>(sizeof Opened.first), strerror(errno));
-    close(descriptor);
-    return -1;
-  }
-  if (got < static_cast<ssize_t>(sizeof Opened.first)) {
-    VFAIL("read short header at offset 0x%llX\n", 0ULL);
+  if (ReadHeaderBlock(descriptor, Opened.first, 0) != 0) {
     close(descriptor);
     return -1;
   }
@@ -558,7 +573,6 @@ int PrepareRestore() {
 }
 
 int RestoreArchive(FtpSession* session) {
-  const char* path = ArchivePath();
   if (PrepareRestore() != 0) return -1;
   const int descriptor = Opened.descriptor;
   Opened.prepared = false;
@@ -579,18 +593,7 @@ int RestoreArchive(FtpSession* session) {
       first = false;
     } else {
       if (TerminationRequested.load()) break;  // no next entry for a run that is ending
-      // Cleared first, so that a failed read leaves nothing of the previous
-      // header to be taken for a new one.
-      memset(header, 0, sizeof header);
-      ssize_t got = ReadWhole(descriptor, header, sizeof header);
-      if (got < 0) {
-        VFAIL("read(%s, 0x%X, %d): %s\n", path, static_cast<unsigned>(reinterpret_cast<uintptr_t>(header)),
-              static_cast<int>(sizeof header), strerror(errno));
-        fatal = true;
-        break;
-      }
-      if (got < static_cast<ssize_t>(sizeof header)) {
-        VFAIL("read short header at offset 0x%llX\n", static_cast<unsigned long long>(offset));
+      if (ReadHeaderBlock(descriptor, header, offset) != 0) {
         fatal = true;
         break;
       }

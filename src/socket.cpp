@@ -304,7 +304,7 @@ int Receive(FtpConnection* control, DataCallback callback, void* argument) {
         }
         if (ready == 0) {
           if (!flow.Moving(0)) goto abort;
-          if (step < PollStepMs || TerminationRequested.load() != 0) continue;  // not a silent minute
+          if (TerminationRequested.load() != 0) continue;  // a step of the grace, not a silent minute
           timeouts++;
           VFAIL("poll(): timedout on data read after %.2fs (%d times)\n", PollStepSeconds(), timeouts);
           break;
@@ -387,7 +387,7 @@ int Send(FtpConnection* control, DataCallback callback, void* argument) {
           given_up = true;
           break;
         }
-        if (step < PollStepMs || TerminationRequested.load() != 0) continue;
+        if (TerminationRequested.load() != 0) continue;  // a step of the grace, not a silent minute
         VFAIL("poll(): timedout on data write after %.2fs\n", PollStepSeconds());
         break;
       }
@@ -401,9 +401,9 @@ int Send(FtpConnection* control, DataCallback callback, void* argument) {
       if (Settings.verbosity >= 5)
         VFAIL("write(%s:%d) %d bytes\n", data->server_text, Port(data->server), static_cast<int>(written));
       sent += static_cast<int>(written);
-      if (!flow.Moving(written)) {
-        given_up = sent < count;
-        if (given_up) break;
+      if (!flow.Moving(written) && sent < count) {
+        given_up = true;
+        break;
       }
     }
     if (sent < count) {

@@ -95,6 +95,10 @@ constexpr size_t UsageLineLimit = 70;
 
 sigset_t SignalSet;
 
+bool IsTerminationSignal(int signal_number) {
+  return signal_number == SIGTERM || signal_number == SIGINT || signal_number == SIGHUP;
+}
+
 // Wake-up pipe of termination requests: the write end gets one byte.
 int TerminationPipe[2] = {-1, -1};
 std::atomic<int64_t> TerminationAtMs{0};
@@ -107,7 +111,7 @@ void* SignalThread(void*) {
   for (;;) {
     int signal_number = 0;
     if (sigwait(&SignalSet, &signal_number) != 0) continue;
-    if (signal_number != SIGTERM && signal_number != SIGINT && signal_number != SIGHUP) {
+    if (!IsTerminationSignal(signal_number)) {
       LogMessageTo(stderr, "\nUnexpected signal %d\n", signal_number);
       continue;
     }
@@ -149,6 +153,15 @@ bool StrictInteger(const char* text, long low, long high, long* value) {
   return *value >= low && *value <= high;
 }
 
+// Takes the line end (and a CR before it, as files written on Windows have)
+// off a line of a path file; gives the new length. 0 or a "#" first: the
+// line names nothing.
+size_t TrimPathLine(char* line, size_t length) {
+  if (length > 0 && line[length - 1] == '\n') line[--length] = '\0';
+  if (length > 0 && line[length - 1] == '\r') line[--length] = '\0';
+  return line[0] == '#' ? 0 : length;
+}
+
 // Base-0 conversions that must consume the whole argument and at least one
 // character.
 bool WholeLong(const char* text, long* value) {
@@ -175,9 +188,8 @@ int CheckPathFile(FILE* stream, const char* path) {
   size_t capacity = 0;
   ssize_t length;
   for (int number = 1; (length = getline(&line, &capacity, stream)) >= 0; number++) {
-    if (length > 0 && line[length - 1] == '\n') line[--length] = '\0';
-    if (length > 0 && line[length - 1] == '\r') line[--length] = '\0';
-    if (length == 0 || line[0] == '#') continue;
+    length = static_cast<ssize_t>(TrimPathLine(line, static_cast<size_t>(length)));
+    if (length == 0) continue;
     if (static_cast<size_t>(length) >= PathLineSize) {
       LogMessageTo(stderr, "%s: %s, line %d: longer than %d characters\n", ProgramName, path, number,
                    static_cast<int>(PathLineSize - 1));
@@ -602,14 +614,8 @@ int MatchPathFile(const char* path, StringList* list, FILE* stream) {
 }
 
 bool ReadPathLine(FILE* stream, char* line, size_t capacity) {
-  while (fgets(line, static_cast<int>(capacity), stream)) {
-    size_t length = strlen(line);
-    if (length > 0 && line[length - 1] == '\n') line[--length] = '\0';
-    // Files written on Windows end their lines in CR LF.
-    if (length > 0 && line[length - 1] == '\r') line[--length] = '\0';
-    if (length == 0 || line[0] == '#') continue;
-    return true;
-  }
+  while (fgets(line, static_cast<int>(capacity), stream))
+    if (TrimPathLine(line, strlen(line)) > 0) return true;
   return false;
 }
 
@@ -643,10 +649,8 @@ void RequestTermination(int signal_number) {
 }
 
 int TerminationStatus() {
-  int signal_number = TerminationRequested.load();
-  if (signal_number != SIGTERM && signal_number != SIGINT && signal_number != SIGHUP)
-    signal_number = SIGTERM;
-  return 128 + signal_number;
+  const int signal_number = TerminationRequested.load();
+  return 128 + (IsTerminationSignal(signal_number) ? signal_number : SIGTERM);
 }
 
 int TerminationWakeDescriptor() { return TerminationPipe[0]; }
@@ -659,6 +663,14 @@ int TerminationMsLeft() {
 }
 
 void NoteTransferEnded() { TransferEndedAtMs = MonotonicMs(); }
+
+namespace {
+
+// The status of a run that failed before its mode ran: 255, or the
+// signal's when a termination request is why it failed.
+int EarlyFailureStatus() { return TerminationRequested.load() ? TerminationStatus() : 255; }
+
+}  // namespace
 
 int VondralMain(int argc, char** argv) {
   struct timeval start{};
@@ -712,17 +724,17 @@ int VondralMain(int argc, char** argv) {
   // a file that is no CTAR archive sends nothing to the server.
   const bool restore_mode = Settings.test_count == 0 && !Settings.list && !Settings.backup_path &&
                             Settings.restore_path;
-  if (restore_mode && PrepareRestore() != 0) return TerminationRequested.load() ? TerminationStatus() : 255;
+  if (restore_mode && PrepareRestore() != 0) return EarlyFailureStatus();
   FtpSession* session = NewSession(Settings.server, "ftp");
   if (!session) {
     DiscardArchiveFile();
-    return TerminationRequested.load() ? TerminationStatus() : 255;
+    return EarlyFailureStatus();
   }
   if (Login(session, Settings.user, Settings.passphrase) != 0) {
     VFAIL("login failed\n");
     Quit(session);
     DiscardArchiveFile();
-    return TerminationRequested.load() ? TerminationStatus() : 255;
+    return EarlyFailureStatus();
   }
   int result = RunMode(session);
   // List and test modes have no safe point of their own: a request ends

@@ -299,29 +299,27 @@ TEST_F(ListingTest, OverLongLineIsAParseErrorAndTheNextLineStillCounts) {
   EXPECT_NE(err.Text().find("listing line too long"), std::string::npos);
 }
 
+// A listing cut into chunks at the given offsets.
+std::vector<std::string> Chunks(const std::string& text, const std::vector<size_t>& cuts) {
+  std::vector<std::string> chunks;
+  size_t from = 0;
+  for (size_t cut : cuts) {
+    chunks.push_back(text.substr(from, cut - from));
+    from = cut;
+  }
+  chunks.push_back(text.substr(from));
+  return chunks;
+}
+
 TEST_F(ListingTest, ALineInAnyNumberOfPiecesIsParsedOnceWhole) {
   const std::string line = "-rw-r--r--   1 A B 3 Jan  2  2009 split-name\r\n";
   const std::vector<std::vector<size_t>> cuts = {{20}, {10, 20}, {1, 2, 3, 40}, {line.size() - 1}};
   uint64_t expected = 0;
   for (const auto& at : cuts) {
-    size_t from = 0;
-    for (size_t cut : at) {
-      EXPECT_EQ(Feed(line.substr(from, cut - from)), 0);
-      from = cut;
-    }
-    EXPECT_EQ(Feed(line.substr(from)), 0);
+    for (const std::string& chunk : Chunks(line, at)) EXPECT_EQ(Feed(chunk), 0);
     EXPECT_EQ(dir->count, ++expected);
     EXPECT_STREQ(dir->last_file->name, "/split-name");
   }
-}
-
-TEST_F(ListingTest, ALastLineWithoutLineEndSplitAcrossChunksIsParsedWhole) {
-  const std::string first = "-rw-r--r--   1 A B 3 Jan  2  2009 first\r\n";
-  const std::string listing = first + "-rw-r--r--   1 A B 3 Jan  2  2009 last-name";
-  EXPECT_EQ(Feed(listing.substr(0, first.size() + 20)), 0);
-  EXPECT_EQ(Feed(listing.substr(first.size() + 20)), 0);
-  EXPECT_EQ(FinishListing(context.get()), 0);
-  EXPECT_EQ(FileNames(dir), "/first|/last-name|");
 }
 
 TEST_F(ListingTest, ExclusionMarksPartialButTheDateCutOffDoesNot) {
@@ -409,18 +407,6 @@ TEST_F(ListingTest, CallbackCountsFailuresWithoutAbortingTheTransfer) {
 
 // --- the listing's last line
 
-// A listing cut into chunks at the given offsets.
-std::vector<std::string> Chunks(const std::string& text, const std::vector<size_t>& cuts) {
-  std::vector<std::string> chunks;
-  size_t from = 0;
-  for (size_t cut : cuts) {
-    chunks.push_back(text.substr(from, cut - from));
-    from = cut;
-  }
-  chunks.push_back(text.substr(from));
-  return chunks;
-}
-
 TEST_F(ListingTest, ALastLineWithoutLineEndIsParsedLikeAnyOther) {
   const std::string first = "-rw-r--r--   1 A B 3 Jan  2  2009 first\r\n";
   const std::string last = "-rw-r--r--   1 A B 3 Jan  2  2009 last-name";
@@ -437,6 +423,8 @@ TEST_F(ListingTest, ALastLineWithoutLineEndIsParsedLikeAnyOther) {
       {"in one chunk with the others", first + last, {}, "/first|/last-name|", nullptr, 0, nullptr},
       {"in a chunk of its own", first + last, {first.size()}, "/first|/last-name|", nullptr, 0, nullptr},
       {"behind a line split across chunks", first + last, {12}, "/first|/last-name|", nullptr, 0, nullptr},
+      {"split across chunks itself", first + last, {first.size() + 20}, "/first|/last-name|", nullptr, 0,
+       nullptr},
       {"ended by a CR alone", first + last + "\r", {}, "/first|/last-name|", nullptr, 0, nullptr},
       {"the only line", last, {}, "/last-name|", nullptr, 0, nullptr},
       {"a directory", first + "drwxr-xr-x   1 A B 3 Jan  2  2009 sub", {}, "/first|", "/sub", 0, nullptr},
