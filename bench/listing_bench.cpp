@@ -14,9 +14,13 @@
 #include <ctime>
 #include <string>
 
-#include "backup.h"
-#include "support.h"
-#include "vondral.h"
+#include "backup/backup.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
+#include "cli/vondral.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "backup.h"
-#include "ftp.h"
-#include "vondral.h"
+#include "backup/backup.h"
+#include "ftp/session.h"
+#include "cli/vondral.h"
 
 namespace {
 

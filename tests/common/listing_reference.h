@@ -15,7 +15,7 @@
 #include <ctime>
 #include <string>
 
-#include "backup.h"
+#include "backup/backup.h"
 
 namespace listing_reference {
 

@@ -12,7 +12,7 @@
 #include <ctime>
 #include <string>
 
-#include "backup.h"
+#include "backup/backup.h"
 #include "fuzz_common.h"
 
 namespace {

@@ -22,9 +22,9 @@
 #include <vector>
 
 #include "../common/listing_reference.h"
-#include "backup.h"
+#include "backup/backup.h"
 #include "fuzz_common.h"
-#include "vondral.h"
+#include "cli/vondral.h"
 
 namespace {
 

@@ -9,8 +9,12 @@
 #include <string>
 
 #include "fuzz_common.h"
-#include "support.h"
-#include "vondral.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
+#include "cli/vondral.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "fuzz_common.h"
-#include "socket.h"
+#include "net/socket.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzz::SilenceProgramLog();

@@ -18,9 +18,13 @@
 #include <cstring>
 
 #include "fuzz_common.h"
-#include "ftp.h"
-#include "socket.h"
-#include "support.h"
+#include "ftp/session.h"
+#include "net/socket.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <cstring>
 #include <string>
 
-#include "ftp.h"
-#include "restore_commands.h"
+#include "ftp/session.h"
+#include "restore/restore_commands.h"
 #include "fuzz_common.h"
 
 namespace {

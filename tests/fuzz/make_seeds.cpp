@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "backup.h"
-#include "ftp.h"
-#include "socket.h"
+#include "backup/backup.h"
+#include "ftp/session.h"
+#include "net/socket.h"
 
 namespace {
 

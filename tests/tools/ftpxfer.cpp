@@ -11,8 +11,12 @@
 #include <cstring>
 #include <string>
 
-#include "ftp.h"
-#include "support.h"
+#include "ftp/session.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
 
 namespace {
 

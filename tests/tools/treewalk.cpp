@@ -14,9 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "backup.h"
-#include "ftp.h"
-#include "vondral.h"
+#include "backup/backup.h"
+#include "ftp/session.h"
+#include "cli/vondral.h"
 
 namespace {
 

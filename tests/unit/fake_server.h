@@ -17,8 +17,8 @@
 #include <thread>
 #include <vector>
 
-#include "ftp.h"
-#include "socket.h"
+#include "ftp/session.h"
+#include "net/socket.h"
 
 inline int ListenLoopback(sockaddr_in* address) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);

@@ -26,12 +26,12 @@
 #include <thread>
 #include <vector>
 
-#include "backup.h"
+#include "backup/backup.h"
 #include "fake_server.h"
-#include "ftp.h"
-#include "save_commands.h"
+#include "ftp/session.h"
+#include "backup/save_commands.h"
 #include "test_helpers.h"
-#include "vondral.h"
+#include "cli/vondral.h"
 
 // --- Failing positioned writes
 //

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "backup.h"
+#include "backup/backup.h"
 #include "test_helpers.h"
 
 namespace {

@@ -8,11 +8,11 @@
 #include <string>
 #include <thread>
 
-#include "backup.h"
+#include "backup/backup.h"
 #include "fake_server.h"
-#include "ftp.h"
+#include "ftp/session.h"
 #include "test_helpers.h"
-#include "vondral.h"
+#include "cli/vondral.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <string>
 
-#include "vondral.h"
+#include "cli/vondral.h"
 
 // A temporary stream whose whole content can be read back as text.
 struct CapturedStream {
@@ -88,8 +88,8 @@ inline bool RequestWithGraceOver(int signal_number) {
 #include <thread>
 #include <vector>
 
-#include "backup.h"
-#include "ftp.h"
+#include "backup/backup.h"
+#include "ftp/session.h"
 
 // A temporary archive file, removed with the object.
 struct TempArchive {

@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "../common/listing_reference.h"
-#include "backup.h"
+#include "backup/backup.h"
 #include "test_helpers.h"
-#include "vondral.h"
+#include "cli/vondral.h"
 
 namespace {
 

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "backup.h"
-#include "restore.h"
-#include "socket.h"
+#include "backup/backup.h"
+#include "restore/restore.h"
+#include "net/socket.h"
 
 namespace {
 

@@ -15,13 +15,17 @@
 #include <vector>
 
 #include "fake_server.h"
-#include "ftp.h"
-#include "restore_commands.h"
-#include "save_commands.h"
-#include "restore.h"
-#include "support.h"
+#include "ftp/session.h"
+#include "restore/restore_commands.h"
+#include "backup/save_commands.h"
+#include "restore/restore.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
 #include "test_helpers.h"
-#include "vondral.h"
+#include "cli/vondral.h"
 
 namespace {
 

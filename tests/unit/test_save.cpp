@@ -17,13 +17,17 @@
 #include <thread>
 #include <vector>
 
-#include "backup.h"
+#include "backup/backup.h"
 #include "fake_server.h"
-#include "ftp.h"
-#include "save_commands.h"
-#include "support.h"
+#include "ftp/session.h"
+#include "backup/save_commands.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
 #include "test_helpers.h"
-#include "vondral.h"
+#include "cli/vondral.h"
 
 namespace {
 

@@ -12,10 +12,10 @@
 #include <utility>
 
 #include "fake_server.h"
-#include "ftp.h"
-#include "socket.h"
+#include "ftp/session.h"
+#include "net/socket.h"
 #include "test_helpers.h"
-#include "vondral.h"
+#include "cli/vondral.h"
 
 namespace {
 

@@ -7,7 +7,11 @@
 #include <string>
 #include <thread>
 
-#include "support.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
 #include "test_helpers.h"
 
 namespace {

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "backup.h"
+#include "backup/backup.h"
 #include "test_helpers.h"
-#include "vondral.h"
+#include "cli/vondral.h"
 
 namespace {
 

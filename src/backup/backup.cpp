@@ -1,6 +1,6 @@
 // The backup: the object tree it is planned on, the listing parser and the
 // directory walk that fill it, archive writing, and the driver with its workers.
-#include "backup.h"
+#include "backup/backup.h"
 
 #include <fcntl.h>
 #include <fnmatch.h>
@@ -21,10 +21,14 @@
 #include <string>
 #include <vector>
 
-#include "ftp.h"
-#include "save_commands.h"
-#include "support.h"
-#include "vondral.h"
+#include "ftp/session.h"
+#include "backup/save_commands.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
+#include "cli/vondral.h"
 
 // The module this file reports as in failure messages.
 static constexpr const char* kModule = "backup.cpp";

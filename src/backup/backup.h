@@ -121,7 +121,7 @@ constexpr size_t TreeLineSize = 250;
 // and a zero time. 0 when the closing "<" was found, -1 otherwise.
 int ReadTree(FILE* stream, ObjectNode* dir, char* line_buffer);
 
-#include "ctar_format.h"
+#include "archive/ctar_format.h"
 
 // ---------------------------------------------------------------------------
 // Listing parser, directory walk and include list

@@ -24,9 +24,13 @@
 #include <string>
 #include <vector>
 
-#include "ctar_format.h"
-#include "restore.h"
-#include "support.h"
+#include "archive/ctar_format.h"
+#include "restore/restore.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
 
 static_assert(sizeof(off_t) == 8, "archives exceed 2 GiB; off_t must be 64 bits");
 

@@ -1,6 +1,6 @@
 // The FTP session: login, server checks, QUIT, checkpoint recovery and the
 // remote listing.
-#include "ftp.h"
+#include "ftp/session.h"
 
 #include <pthread.h>
 #include <strings.h>
@@ -14,9 +14,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "backup.h"
-#include "support.h"
-#include "vondral.h"
+#include "backup/backup.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
+#include "cli/vondral.h"
 
 // The module this file reports as in failure messages.
 static constexpr const char* kModule = "ftp.cpp";

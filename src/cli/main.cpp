@@ -1,4 +1,4 @@
 // The process entry; everything else lives in the library the tests link.
-#include "vondral.h"
+#include "cli/vondral.h"
 
 int main(int argc, char** argv) { return VondralMain(argc, argv); }

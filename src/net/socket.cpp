@@ -1,6 +1,6 @@
 // The FTP transport: connections, the control connection's reply reader,
 // command sending and the passive data transfer loop.
-#include "socket.h"
+#include "net/socket.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -19,14 +19,17 @@
 #include <mutex>
 #include <new>
 
-#include "ftp.h"
-#include "support.h"
-#include "vondral.h"
+#include "ftp/session.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
+#include "cli/vondral.h"
 
 // The module this file reports as in failure messages.
 static constexpr const char* kModule = "socket.cpp";
 
-int PollStepMs = 60000;
 
 int ParsePassiveReply(const char* reply, sockaddr_in* address, char* text, size_t text_size) {
   memset(address, 0, sizeof *address);
@@ -90,43 +93,6 @@ namespace {
 // sessions at the same time.
 std::mutex NameServiceLock;
 
-double PollStepSeconds() { return PollStepMs / 1000.0; }
-
-int PollRetry(struct pollfd* set, nfds_t count, int timeout) {
-  int result;
-  do {
-    result = poll(set, count, timeout);
-  } while (result < 0 && errno == EINTR);
-  return result;
-}
-
-// How long the next wait step may be: the poll step, or what is left of the
-// grace after a termination request (0 once it is over).
-int WaitStepMs() {
-  int left = TerminationMsLeft();
-  return left < 0 ? PollStepMs : std::min(PollStepMs, left);
-}
-
-// Polls the entries for one wait step. While no termination request came,
-// the request's wake-up descriptor is watched as well, so that a request
-// ends the step at once; it then counts as a step that found nothing.
-int PollStep(struct pollfd* set, nfds_t count, int step_ms) {
-  const int wake = TerminationWakeDescriptor();
-  if (wake < 0 || TerminationRequested.load() != 0 || count >= 4) return PollRetry(set, count, step_ms);
-  struct pollfd watched[4];
-  for (nfds_t i = 0; i < count; i++) watched[i] = set[i];
-  watched[count] = {wake, POLLIN, 0};
-  int ready = PollRetry(watched, count + 1, step_ms);
-  for (nfds_t i = 0; i < count; i++) set[i].revents = watched[i].revents;
-  if (ready > 0 && watched[count].revents) ready--;
-  return ready;
-}
-
-int PollStepOne(int descriptor, short events, int step_ms) {
-  struct pollfd entry = {descriptor, events, 0};
-  return PollStep(&entry, 1, step_ms);
-}
-
 // After a termination request a transfer is taken to its end only while its
 // data keeps flowing: at least one transfer buffer in every grace period. A
 // server that drips or stalls would otherwise hold the run for ever.
@@ -161,55 +127,9 @@ class FlowAfterTermination {
   int64_t moved_ = 0;
 };
 
-// connect() that a termination request can cut short (errno ECANCELED).
-int ConnectSocket(int descriptor, const sockaddr* address, socklen_t length) {
-  const int flags = fcntl(descriptor, F_GETFL);
-  if (flags < 0 || fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) != 0) return -1;
-  int result = connect(descriptor, address, length);
-  if (result != 0 && (errno == EINPROGRESS || errno == EINTR)) {
-    for (;;) {
-      const int step = WaitStepMs();
-      if (step == 0) {
-        errno = ECANCELED;
-        result = -1;
-        break;
-      }
-      int ready = PollStepOne(descriptor, POLLOUT, step);
-      if (ready < 0) {
-        result = -1;
-        break;
-      }
-      if (ready == 0) continue;
-      int error = 0;
-      socklen_t size = sizeof error;
-      if (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size) != 0) error = errno;
-      errno = error;
-      result = error == 0 ? 0 : -1;
-      break;
-    }
-  }
-  const int saved = errno;
-  fcntl(descriptor, F_SETFL, flags);
-  errno = saved;
-  return result;
-}
-
 int Port(const sockaddr_in& address) { return ntohs(address.sin_port); }
 
-// Writes to sockets never raise SIGPIPE: a peer that went away is reported
-// as a write error like any other.
-ssize_t WriteSocket(int descriptor, const char* data, size_t length) {
-  ssize_t n;
-  do {
-    n = send(descriptor, data, length, MSG_NOSIGNAL);
-  } while (n < 0 && errno == EINTR);
-  return n;
-}
-
-void CloseSocket(int* descriptor) {
-  if (*descriptor >= 0) close(*descriptor);
-  *descriptor = -1;
-}
+void CloseSocket(int* descriptor) { CloseDescriptor(descriptor); }
 
 // The control connection is broken: close it, forget what it held and let
 // the owner's checkpoint take over (the call does not come back when a
@@ -250,7 +170,7 @@ int SetUpDataConnection(FtpConnection* control, const char* last) {
   int on = 1;
   if (setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
     VFAIL("setsockopt(, SOL_SOCKET, SO_REUSEADDR): %s\n", strerror(errno));
-    close(descriptor);
+    CloseDescriptor(&descriptor);
     return -1;
   }
   int discover = IP_PMTUDISC_WANT;
@@ -258,10 +178,11 @@ int SetUpDataConnection(FtpConnection* control, const char* last) {
     VFAIL("setsockopt(, SOL_IP, IP_MTU_DISCOVER, %X): %s\n", discover, strerror(errno));
   if (setsockopt(descriptor, SOL_TCP, TCP_NODELAY, &on, sizeof on) != 0)
     VFAIL("setsockopt(, SOL_TCP, TCP_NODELAY, %X): %s\n", on, strerror(errno));
-  int connected = ConnectSocket(descriptor, reinterpret_cast<sockaddr*>(&data->server), sizeof data->server);
+  int connected = ConnectWithin(descriptor, reinterpret_cast<sockaddr*>(&data->server), sizeof data->server,
+                                Settings.timeout_minutes);
   if (connected != 0) {
     VFAIL("connect(, %s:%d): %s\n", data->server_text, Port(data->server), strerror(errno));
-    close(descriptor);
+    CloseDescriptor(&descriptor);
     data->descriptor = -1;
     return -1;
   }
@@ -293,8 +214,7 @@ int Receive(FtpConnection* control, DataCallback callback, void* argument) {
       if (drained)
         errno = EAGAIN;  // the last read took all there was: wait for more
       else
-        got = recv(data->descriptor, at, static_cast<size_t>(room), MSG_DONTWAIT);
-      if (got < 0 && errno == EINTR) continue;
+        got = ReceiveWaiting(data->descriptor, at, static_cast<size_t>(room));
       if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOTSOCK)) {
         const int step = flow.StepMs();
         int ready = PollStepOne(data->descriptor, POLLIN | POLLPRI, step);
@@ -309,7 +229,7 @@ int Receive(FtpConnection* control, DataCallback callback, void* argument) {
           VFAIL("poll(): timedout on data read after %.2fs (%d times)\n", PollStepSeconds(), timeouts);
           break;
         }
-        got = read(data->descriptor, at, static_cast<size_t>(room));
+        got = ReadSome(data->descriptor, at, static_cast<size_t>(room));
       }
       if (got > 0 && !flow.Moving(got)) goto abort;
       if (got > 0) {
@@ -326,7 +246,6 @@ int Receive(FtpConnection* control, DataCallback callback, void* argument) {
         timeouts = 0;
         break;
       }
-      if (errno == EINTR) continue;
       VFAIL("read(%s:%d): %s\n", data->server_text, Port(data->server), strerror(errno));
       goto abort;
     }
@@ -391,7 +310,7 @@ int Send(FtpConnection* control, DataCallback callback, void* argument) {
         VFAIL("poll(): timedout on data write after %.2fs\n", PollStepSeconds());
         break;
       }
-      ssize_t written = WriteSocket(data->descriptor, data->transfer_buffer + sent,
+      ssize_t written = SendSome(data->descriptor, data->transfer_buffer + sent,
                                     static_cast<size_t>(count - sent));
       if (written < 0) {
         VFAIL("write(%s:%d): %s\n", data->server_text, Port(data->server), strerror(errno));
@@ -524,19 +443,20 @@ int ConnectControl(FtpConnection* control) {
     VFAIL("socket(): %s\n", strerror(errno));
     return -1;
   }
-  int connected = ConnectSocket(descriptor, reinterpret_cast<sockaddr*>(&control->peer), sizeof control->peer);
+  int connected = ConnectWithin(descriptor, reinterpret_cast<sockaddr*>(&control->peer), sizeof control->peer,
+                                Settings.timeout_minutes);
   if (connected != 0) {
     char shown[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &control->peer.sin_addr, shown, sizeof shown);
     VFAIL("connect(, %s:%d): %s\n", shown, Port(control->peer), strerror(errno));
-    close(descriptor);
+    CloseDescriptor(&descriptor);
     control->descriptor = -1;
     return -1;
   }
   socklen_t length = sizeof control->peer;
   if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&control->peer), &length) != 0) {
     VFAIL("getpeername(): %s\n", strerror(errno));
-    close(descriptor);
+    CloseDescriptor(&descriptor);
     control->descriptor = -1;
     return -1;
   }
@@ -588,9 +508,8 @@ int ReadReply(FtpConnection* control, char* out) {
       return -1;
     }
     char* fresh = buffer + control->reply_held;
-    ssize_t got = read(control->descriptor, fresh,
+    ssize_t got = ReadSome(control->descriptor, fresh,
                        static_cast<size_t>(control->reply_capacity - control->reply_held));
-    if (got < 0 && errno == EINTR) continue;
     if (got < 0) {
       VFAIL("read(%s:%d): %s\n", control->peer_text, Port(control->peer), strerror(errno));
       return ControlFailed(control);
@@ -677,7 +596,7 @@ int SendCommand(FtpConnection* control, const char* command, char* reply, size_t
     return -1;
   }
   for (int sent = 0; sent < length;) {
-    ssize_t written = WriteSocket(control->descriptor, line + sent, static_cast<size_t>(length - sent));
+    ssize_t written = SendSome(control->descriptor, line + sent, static_cast<size_t>(length - sent));
     if (written < 0) {
       VFAIL("write(%s:%d,, %d): %s\n", control->peer_text, Port(control->peer), length - sent,
             strerror(errno));
@@ -806,7 +725,8 @@ int CloseConnection(FtpConnection* record) {
   if (!record) return -1;
   if (IsControlRecord(record)) {
     CloseConnection(record->data);
-    int result = close(record->descriptor);
+    // A record that was never connected reports -1, as a close of nothing does.
+    int result = record->descriptor >= 0 ? CloseDescriptor(&record->descriptor) : -1;
     free(record);
     return result;
   }

@@ -1,6 +1,6 @@
 // Entry of the program: start-up, options, credentials, path files, the
 // signal thread and the choice of the run mode.
-#include "vondral.h"
+#include "cli/vondral.h"
 
 #include <fcntl.h>
 #include <fnmatch.h>
@@ -18,9 +18,9 @@
 #include <cstring>
 #include <algorithm>
 
-#include "backup.h"
-#include "ftp.h"
-#include "restore.h"
+#include "backup/backup.h"
+#include "ftp/session.h"
+#include "restore/restore.h"
 
 // The module this file reports as in failure messages.
 static constexpr const char* kModule = "vondral.cpp";
@@ -28,7 +28,6 @@ static constexpr const char* kModule = "vondral.cpp";
 RunSettings Settings;
 int StderrIsTerminal = 0;
 int PageSize = 4096;
-std::atomic<int> TerminationRequested{0};
 
 namespace {
 
@@ -94,15 +93,6 @@ constexpr int OptionCount = sizeof(Options) / sizeof(Options[0]);
 constexpr size_t UsageLineLimit = 70;
 
 sigset_t SignalSet;
-
-bool IsTerminationSignal(int signal_number) {
-  return signal_number == SIGTERM || signal_number == SIGINT || signal_number == SIGHUP;
-}
-
-// Wake-up pipe of termination requests: the write end gets one byte.
-int TerminationPipe[2] = {-1, -1};
-std::atomic<int64_t> TerminationAtMs{0};
-thread_local int64_t TransferEndedAtMs = 0;
 
 // The first request asks the drivers to stop at their safe points; a second
 // one means the operator will not wait: the process ends at once, leaving
@@ -625,44 +615,11 @@ int StartSignalThread() {
   sigaddset(&SignalSet, SIGINT);
   sigaddset(&SignalSet, SIGHUP);
   if (pthread_sigmask(SIG_BLOCK, &SignalSet, nullptr) != 0) return -1;
-  if (TerminationPipe[0] < 0 && pipe2(TerminationPipe, O_CLOEXEC | O_NONBLOCK) != 0) return -2;
+  if (OpenTerminationWake() != 0) return -2;
   pthread_t thread;
   if (pthread_create(&thread, nullptr, SignalThread, nullptr) != 0) return -2;
   return 0;
 }
-
-int64_t MonotonicMs() {
-  struct timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-void RequestTermination(int signal_number) {
-  TerminationAtMs = MonotonicMs();
-  TerminationRequested = signal_number;
-  if (TerminationPipe[1] >= 0) {
-    char byte = 1;
-    // The pipe stays readable from now on; nobody drains it.
-    if (write(TerminationPipe[1], &byte, 1) < 0) {
-    }
-  }
-}
-
-int TerminationStatus() {
-  const int signal_number = TerminationRequested.load();
-  return 128 + (IsTerminationSignal(signal_number) ? signal_number : SIGTERM);
-}
-
-int TerminationWakeDescriptor() { return TerminationPipe[0]; }
-
-int TerminationMsLeft() {
-  if (TerminationRequested.load() == 0) return -1;
-  int64_t from = std::max<int64_t>(TerminationAtMs.load(), TransferEndedAtMs);
-  int64_t left = from + TerminationGraceMs - MonotonicMs();
-  return left > 0 ? static_cast<int>(left) : 0;
-}
-
-void NoteTransferEnded() { TransferEndedAtMs = MonotonicMs(); }
 
 namespace {
 

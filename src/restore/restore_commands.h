@@ -8,7 +8,7 @@
 // entry, because the archive bytes already sent cannot be read again.
 #pragma once
 
-#include "ftp.h"
+#include "ftp/session.h"
 
 struct StringList;
 struct StringPair;

@@ -13,11 +13,15 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "backup.h"
-#include "ftp.h"
-#include "save_commands.h"
-#include "support.h"
-#include "vondral.h"
+#include "backup/backup.h"
+#include "ftp/session.h"
+#include "backup/save_commands.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
+#include "cli/vondral.h"
 
 // Failures here are the ftp module's, as they always were.
 static constexpr const char* kModule = "ftp.cpp";

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "ftp.h"
+#include "ftp/session.h"
 
 struct ObjectFile;
 struct ArchiveWriter;

@@ -7,7 +7,11 @@
 #include <cstdio>
 #include <ctime>
 
-#include "support.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
 
 struct FtpSession;
 
@@ -40,35 +44,6 @@ struct RunSettings {
 extern RunSettings Settings;
 extern int StderrIsTerminal;
 extern int PageSize;
-
-// Termination requests: SIGTERM, SIGINT and SIGHUP. The first one sets
-// TerminationRequested to its signal number; the drivers stop at their safe
-// points and the run ends with TerminationStatus(). A second one ends the
-// process at once.
-extern std::atomic<int> TerminationRequested;
-// 128 plus the number of the signal that asked for termination.
-int TerminationStatus();
-// Records a termination request as the signal thread does (tests call it
-// too): the flag, the moment, and a wake-up for every waiting poll.
-void RequestTermination(int signal_number);
-// Readable once a termination request came: waits poll it beside their
-// sockets so that a request ends them at once. -1 before StartSignalThread.
-int TerminationWakeDescriptor();
-
-// After a termination request the program goes on for a short grace only:
-// the data of a transfer that is flowing is taken to its end, and every
-// other wait (a reply, a connection, the final reply after a transfer) ends
-// at most this long after the request or after the end of the calling
-// thread's last transfer, whichever is later. No new command is sent once
-// the grace is over.
-constexpr int TerminationGraceMs = 5000;
-// Milliseconds left of that grace: -1 while no request came (no limit), 0
-// once it is over.
-int TerminationMsLeft();
-// The calling thread's data transfer has just ended with all its data.
-void NoteTransferEnded();
-// Milliseconds of a monotonic clock.
-int64_t MonotonicMs();
 
 // The whole program: returns the process exit status.
 int VondralMain(int argc, char** argv);

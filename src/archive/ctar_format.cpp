@@ -1,13 +1,17 @@
 // The CTAR archive format: entry headers (name pieces, size encodings,
 // checksum) and the end block, as the backup writes them and every reader
 // checks them.
-#include "ctar_format.h"
+#include "archive/ctar_format.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
-#include "support.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
 
 // Failures here are the backup module's, as they always were.
 static constexpr const char* kModule = "backup.cpp";

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <type_traits>
 
-#include "socket.h"
+#include "net/socket.h"
 
 constexpr uint8_t CHECKPOINT_ARMED = 1;  // a protected operation may be resumed
 constexpr uint8_t CHECKPOINT_RETRY = 2;  // ... and may be run again from its start

@@ -1,7 +1,7 @@
 // The restore driver: one pass over a CTAR archive on the main thread,
 // header after header, each entry either uploaded and restored by the
 // restore command family or skipped without being sent.
-#include "restore.h"
+#include "restore/restore.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -18,11 +18,15 @@
 #include <mutex>
 #include <thread>
 
-#include "ctar_format.h"
-#include "ftp.h"
-#include "restore_commands.h"
-#include "support.h"
-#include "vondral.h"
+#include "archive/ctar_format.h"
+#include "ftp/session.h"
+#include "restore/restore_commands.h"
+#include "support/log.h"
+#include "support/string_list.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
+#include "cli/vondral.h"
 
 // The module this file reports as in failure messages.
 static constexpr const char* kModule = "restore.cpp";

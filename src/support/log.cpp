@@ -1,0 +1,118 @@
+// Log output with thread tags and the thread registry.
+#include "support/log.h"
+
+#include <pthread.h>
+
+#include <ctime>
+
+const char* ProgramName = "vondral";
+std::mutex LogLock;
+
+namespace {
+
+struct RegistryEntry {
+  uint32_t number;
+  uint32_t identity;
+  RegistryEntry* next;
+};
+
+struct ThreadRegistry {
+  uint32_t count;  // registrations ever made; never lowered
+  RegistryEntry* first;
+  RegistryEntry* last;
+};
+
+ThreadRegistry* Registry = nullptr;
+
+ThreadRegistry* RegistryMade() {
+  if (!Registry) Registry = new ThreadRegistry{0, nullptr, nullptr};
+  return Registry;
+}
+
+void RemoveEntry(uint32_t identity) {
+  RegistryEntry* previous = nullptr;
+  for (RegistryEntry* e = Registry->first; e; previous = e, e = e->next) {
+    if (e->identity != identity) continue;
+    if (previous)
+      previous->next = e->next;
+    else
+      Registry->first = e->next;
+    if (Registry->last == e) Registry->last = previous;
+    delete e;
+    return;
+  }
+}
+
+uint32_t AppendEntry(int number, uint32_t identity) {
+  uint32_t n = number == -1 ? Registry->count : static_cast<uint32_t>(number);
+  auto* e = new RegistryEntry{n, identity, nullptr};
+  if (Registry->last)
+    Registry->last->next = e;
+  else
+    Registry->first = e;
+  Registry->last = e;
+  Registry->count++;
+  return n;
+}
+
+void WriteLine(FILE* stream, const char* format, va_list args) {
+  // The clock is read before the lock, so two threads may print their times
+  // out of order; the lines themselves never mix.
+  time_t now = time(nullptr);
+  struct tm local{};
+  localtime_r(&now, &local);
+  std::lock_guard<std::mutex> hold(LogLock);
+  fprintf(stream, "[%02d:%02d:%02d] ", local.tm_hour, local.tm_min, local.tm_sec);
+  fprintf(stream, "[T%02u] ", ThreadNumber(CurrentThreadIdentity()));
+  vfprintf(stream, format, args);
+}
+
+}  // namespace
+
+uint32_t CurrentThreadIdentity() {
+  return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(
+      reinterpret_cast<void*>(pthread_self())));
+}
+
+void LogMessage(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  WriteLine(stdout, format, args);
+  va_end(args);
+}
+
+void LogMessageTo(FILE* stream, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  WriteLine(stream, format, args);
+  va_end(args);
+}
+
+uint32_t RegisterThread(int number) {
+  std::lock_guard<std::mutex> hold(LogLock);
+  uint32_t identity = CurrentThreadIdentity();
+  if (Registry)
+    RemoveEntry(identity);
+  else
+    RegistryMade();
+  return AppendEntry(number, identity);
+}
+
+uint32_t ThreadNumber(uint32_t identity) {
+  RegistryMade();
+  for (RegistryEntry* e = Registry->first; e; e = e->next)
+    if (e->identity == identity) return e->number;
+  return AppendEntry(-1, identity);
+}
+
+void FreeThreadRegistry() {
+  std::lock_guard<std::mutex> hold(LogLock);
+  if (!Registry) return;
+  for (RegistryEntry* e = Registry->first; e;) {
+    RegistryEntry* next = e->next;
+    delete e;
+    e = next;
+  }
+  delete Registry;
+  Registry = nullptr;
+}

@@ -1,0 +1,51 @@
+// Bounded copies of text and the scaling of byte counts.
+#include "support/text.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+size_t CopyBounded(char* dst, size_t cap, const char* src) {
+  size_t length = strlen(src);
+  if (cap == 0) return length;
+  size_t n = length < cap - 1 ? length : cap - 1;
+  memcpy(dst, src, n);
+  dst[n] = '\0';
+  return length;
+}
+
+size_t AppendBounded(char* dst, size_t cap, const char* src) {
+  size_t used = strnlen(dst, cap);
+  if (used == cap) return used + strlen(src);
+  return used + CopyBounded(dst + used, cap - used, src);
+}
+
+int FormatBounded(char* dst, size_t cap, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  int n = vsnprintf(dst, cap, format, args);
+  va_end(args);
+  return n;
+}
+
+double ScaleDecimal(double value, char* unit) {
+  static const char letters[] = {' ', 'K', 'M', 'G'};
+  int step = 0;
+  while (value > 2000 && step < 3) {
+    value /= 1000;
+    step++;
+  }
+  *unit = letters[step];
+  return value;
+}
+
+double ScaleBinary(double value, char* unit) {
+  static const char letters[] = {' ', 'k', 'M', 'G'};
+  int step = 0;
+  while (value > 2048 && step < 3) {
+    value *= 1.0 / 1024;
+    step++;
+  }
+  *unit = letters[step];
+  return value;
+}
