@@ -12,38 +12,10 @@
 #include "support/sysio.h"
 #include "support/termination.h"
 #include "support/text.h"
+#include "cli/settings.h"
 
 struct FtpSession;
 
-// Run-wide settings. Written only while the options are parsed, before any
-// thread but the signal thread exists; read without locks afterwards.
-struct RunSettings {
-  char* server = nullptr;
-  char* user = nullptr;
-  char* passphrase = nullptr;
-  char* backup_path = nullptr;
-  char* restore_path = nullptr;
-  FILE* catalog = nullptr;
-  FILE* include = nullptr;
-  FILE* exclude = nullptr;
-  FILE* list = nullptr;
-  FILE* notbackedup = nullptr;
-  int cutoff_flag = 0;
-  int64_t cutoff_time = 0;
-  char cutoff_date_text[10] = "";
-  char cutoff_time_text[10] = "";
-  uint64_t max_block_size = UINT64_MAX;
-  uint8_t precheck = 1;
-  uint8_t threading = 1;
-  int timeout_minutes = 8;
-  const char* wait_text = nullptr;  // the save command uses "120" without it
-  int verbosity = 0;
-  int test_count = 0;
-};
-
-extern RunSettings Settings;
-extern int StderrIsTerminal;
-extern int PageSize;
 
 // The whole program: returns the process exit status.
 int VondralMain(int argc, char** argv);
