@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include "ftp/checkpoint.h"
+#include "ftp/remote_listing.h"
 #include "ftp/session.h"
 #include "backup/save_commands.h"
 #include "support/log.h"

@@ -14,7 +14,11 @@
 #include <cstring>
 
 #include "backup/backup.h"
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
+#include "ftp/transfer_settings.h"
 #include "backup/save_commands.h"
 #include "support/log.h"
 #include "support/string_list.h"
@@ -28,8 +32,6 @@ static constexpr const char* kModule = "ftp.cpp";
 
 namespace {
 
-// Save replies are kept to 127 characters, what the failure messages quote.
-constexpr int ShortReplySize = 128;
 
 }  // namespace
 
@@ -105,20 +107,6 @@ struct SaveCommand {
   PartialRule partial;
 };
 
-// Checks a failed save reply for the partial-save phrase; on a match gives
-// the number of objects not saved (as text) and its length.
-bool NotSavedCount(const char* reply, const char** count, int* length) {
-  if (!strstr(reply, "550")) return false;
-  const char* saved = strstr(reply, "objects saved. ");
-  if (!saved) return false;
-  const char* from = saved + strlen("objects saved. ");
-  const char* not_saved = strstr(from, " objects not saved..");
-  if (!not_saved) return false;
-  *count = from;
-  *length = static_cast<int>(not_saved - from);
-  return true;
-}
-
 void ReportPartial(const char* format_count, int length, const char* name, const char* reply) {
   // The object counts as saved; what it left behind is listed for the
   // operator all the same.
@@ -133,55 +121,61 @@ void ReportPartial(const char* format_count, int length, const char* name, const
   }
 }
 
+// Sets the session up for a save file and makes sure QTEMP/SAV<number>
+// exists and is empty. 0, or -1 after a message.
+int PrepareSaveFile(FtpSession* session, int number, const SaveCommand& save) {
+  if (EnsureTransferSettings(session, {'I', false, save.name_format}) != 0) return -1;
+  char command[CommandBufferSize];
+  FormatBounded(command, sizeof command, "RCMD CLRSAVF FILE(QTEMP/SAV%d)", number);
+  if (Command(session->control, command) != 0) {
+    // The save file does not exist yet in this job.
+    FormatBounded(command, sizeof command, "RCMD CRTSAVF FILE(QTEMP/SAV%d)", number);
+    if (Command(session->control, command) != 0) {
+      VFAIL("CRTSAVF command failed\n");
+      return -1;
+    }
+  }
+  return 0;
+}
+
+// Runs the save command itself. A failed reply is judged by the member's
+// rule: with precheck off a partial save still counts as saved (reported,
+// and marked on the writer so that the run does not end as a full
+// success). 0 when the object is in the save file, or -1.
+int RunSaveCommand(FtpSession* session, const char* command, ObjectFile* object, const SaveCommand& save,
+                   ArchiveWriter* writer) {
+  Reply reply;
+  if (Command(session->control, command, &reply) == 0) return 0;
+  const char* count = nullptr;
+  int length = 0;
+  if (!Settings.precheck && save.partial == PartialRule::NotSavedCount &&
+      FindNotSavedCount(reply.quoted, &count, &length)) {
+    ReportPartial(count, length, object->name, reply.quoted);
+  } else if (!Settings.precheck && save.partial == PartialRule::AnyFailure) {
+    ReportPartial(nullptr, 0, object->name, reply.quoted);
+  } else {
+    VFAIL("%s command failed\n  %s\n", save.label, reply.quoted);
+    return -1;
+  }
+  writer->partial = 1;
+  return 0;
+}
+
 // The save family shares everything but the command and the judgement of
 // a failed reply: settings, the save file, the command, then retrieval.
 int RunSave(FtpSession* session, ObjectFile* object, int number, TransferStats* stats,
             DataCallback callback, void* writer, const SaveCommand& save,
             int (*build)(char* command, ObjectFile* object, int number)) {
   if (!IsSession(session)) return -1;
+  auto* archive = static_cast<ArchiveWriter*>(writer);
   const uint8_t outer = session->checkpoint_flags;
   return RunProtected(session, [&]() -> int {
-    if (EnsureParameter(session, &session->structure, 'F', "STRU F", "STRU") != 0 ||
-        EnsureParameter(session, &session->mode, 'S', "MODE S", "MODE") != 0 ||
-        EnsureParameter(session, &session->type, 'I', "TYPE I", "TYPE") != 0 ||
-        (save.name_format &&
-         EnsureParameter(session, &session->name_format, '1', "SITE NAMEFMT 1", "NAMEFMT") != 0))
-      return -1;
+    if (PrepareSaveFile(session, number, save) != 0) return -1;
     char command[CommandBufferSize];
-    FormatBounded(command, sizeof command, "RCMD CLRSAVF FILE(QTEMP/SAV%d)", number);
-    if (SendCommand(session->control, command, nullptr, 0, nullptr, nullptr, nullptr) != 0) {
-      // The save file does not exist yet in this job.
-      FormatBounded(command, sizeof command, "RCMD CRTSAVF FILE(QTEMP/SAV%d)", number);
-      if (SendCommand(session->control, command, nullptr, 0, nullptr, nullptr, nullptr) != 0) {
-        VFAIL("CRTSAVF command failed\n");
-        return -1;
-      }
-    }
     if (build(command, object, number) != 0) return -1;
-
     struct timeval started{}, saved{};
     if (stats) gettimeofday(&started, nullptr);
-    char reply[ShortReplySize] = "";
-    if (SendCommand(session->control, command, reply, sizeof reply, nullptr, nullptr, nullptr) != 0) {
-      reply[sizeof reply - 1] = '\0';
-      const char* count = nullptr;
-      int length = 0;
-      bool partial = false;
-      if (!Settings.precheck && save.partial == PartialRule::NotSavedCount &&
-          NotSavedCount(reply, &count, &length)) {
-        ReportPartial(count, length, object->name, reply);
-        partial = true;
-      } else if (!Settings.precheck && save.partial == PartialRule::AnyFailure) {
-        ReportPartial(nullptr, 0, object->name, reply);
-        partial = true;
-      }
-      if (!partial) {
-        VFAIL("%s command failed\n  %s\n", save.label, reply);
-        return -1;
-      }
-      // Saved, but not all of it: the run must not end as a full success.
-      static_cast<ArchiveWriter*>(writer)->partial = 1;
-    }
+    if (RunSaveCommand(session, command, object, save, archive) != 0) return -1;
     if (stats) {
       gettimeofday(&saved, nullptr);
       stats->save_seconds = Elapsed(started, saved);
@@ -192,8 +186,7 @@ int RunSave(FtpSession* session, ObjectFile* object, int number, TransferStats* 
     char path[64];
     FormatBounded(path, sizeof path, "/QSYS.LIB/QTEMP.LIB/SAV%d.SAVF", number);
     struct timeval locked = saved;
-    int result = RetrieveToArchive(session, outer, object, path, &locked, callback,
-                                   static_cast<ArchiveWriter*>(writer));
+    int result = RetrieveToArchive(session, outer, object, path, &locked, callback, archive);
     if (stats) {
       struct timeval done{};
       gettimeofday(&done, nullptr);
@@ -306,12 +299,14 @@ int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* objec
     ArchiveAppend append(writer);
     gettimeofday(locked, nullptr);
     if (append.Usable()) {
-      char reply[ShortReplySize] = "";
-      int sent = SendCommand(session->control, command, reply, sizeof reply, callback, nullptr, writer);
+      Reply reply;
+      Transfer transfer;
+      transfer.receive = callback;
+      transfer.argument = writer;
+      int sent = DataCommand(session, command, transfer, &reply);
       session->checkpoint_flags = checkpoint;
       if (sent != 0) {
-        reply[sizeof reply - 1] = '\0';
-        VFAIL("RETR command failed\n  %s\n", reply);
+        VFAIL("RETR command failed\n  %s\n", reply.quoted);
         // The transfer hands data over only in calls that carry some.
         if (writer->calls == 0) LogMessage("Block returned no data\n");
       } else {

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "ftp/session.h"
+#include "net/transfer.h"
 
 struct ObjectFile;
 struct ArchiveWriter;

@@ -19,6 +19,7 @@
 #include <algorithm>
 
 #include "backup/backup.h"
+#include "ftp/remote_listing.h"
 #include "ftp/session.h"
 #include "restore/restore.h"
 

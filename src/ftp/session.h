@@ -1,16 +1,11 @@
-// FTP session: login and server checks, checkpoint recovery after a broken
-// control connection, and the remote listing.
+// The FTP session: one logged-in control connection with the transfer
+// parameters last set on it and its checkpoint state; login and QUIT.
 #pragma once
-
-#include <pthread.h>
-#include <sys/time.h>
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
-#include <type_traits>
 
-#include "net/socket.h"
+#include "net/connection.h"
 
 constexpr uint8_t CHECKPOINT_ARMED = 1;  // a protected operation may be resumed
 constexpr uint8_t CHECKPOINT_RETRY = 2;  // ... and may be run again from its start
@@ -35,12 +30,6 @@ struct FtpSession {
   int live_checkpoints;
 };
 
-// Thrown by AbortToCheckpoint and caught by the protected operation that
-// armed the session's checkpoint.
-struct CheckpointAbort {
-  FtpSession* session;
-};
-
 // 1 for "V5R3M0", 2 for "V5R4M0", 0 for anything else or unknown.
 extern std::atomic<int> ServerRelease;
 
@@ -57,48 +46,3 @@ const char* QuoteForCL(const char* text);
 // Sends MKD for every parent directory of path (results ignored).
 int MakeParentDirectories(FtpSession* session, char* path);
 
-// Called by the transport after it closed a failed control connection:
-// throws CheckpointAbort when a protected operation can take over, else
-// reports and returns -1.
-int AbortToCheckpoint(FtpSession* session);
-// Reconnects and logs in again after an abort.
-int RecoverCheckpoint(FtpSession* session);
-
-// Runs body() as a protected operation: the session's checkpoint is armed
-// (with retry) around it; when the control connection breaks the session
-// reconnects and logs in again, and the body runs again from its start while
-// CHECKPOINT_RETRY is still set, or the operation gives -1 once the body has
-// cleared it (its point of no return). The outer checkpoint is put back on
-// every normal way out.
-int RunProtectedOperation(FtpSession* session, int (*body)(void*), void* argument);
-
-template <typename Body>
-int RunProtected(FtpSession* session, Body&& body) {
-  using Callable = std::remove_reference_t<Body>;
-  return RunProtectedOperation(
-      session, [](void* callable) -> int { return (*static_cast<Callable*>(callable))(); },
-      const_cast<void*>(static_cast<const void*>(&body)));
-}
-
-// Clears CHECKPOINT_RETRY: from here a broken connection fails the
-// operation instead of repeating it.
-void PassPointOfNoReturn(FtpSession* session);
-
-// Sends a set-up command only when the session's remembered value differs,
-// and remembers it once the server accepted it. 0, or -1 after
-// "<label> command failed".
-int EnsureParameter(FtpSession* session, int* field, int wanted, const char* command,
-                    const char* label);
-
-struct ObjectNode;
-
-// Lists one server path with LIST, after making sure the session's transfer
-// parameters suit a listing, and hands the raw listing bytes to callback.
-// `directory` is the tree node being listed (nullptr in list mode, which
-// keeps no tree). 0 on success, else the judgement of ListFailed, or -1.
-int ListDirectory(FtpSession* session, const char* path, DataCallback callback, void* context,
-                  ObjectNode* directory);
-// Judges a failed LIST: 0 when the path is kept as one object to be saved
-// whole (the server refused to list it with CPF3CAA), -1 when fatal, -22
-// for missing input.
-int ListFailed(const char* reply, ObjectNode* directory);

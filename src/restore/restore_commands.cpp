@@ -1,6 +1,6 @@
 // The restore command family: each member uploads one archive entry into
 // the session's save file QTEMP/SAVTEMP and runs the restore command for its
-// kind of object; and the judgement of a failed restore reply.
+// kind of object.
 #include <pthread.h>
 #include <strings.h>
 #include <sys/time.h>
@@ -14,7 +14,11 @@
 #include <cstring>
 
 #include "backup/backup.h"
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
+#include "ftp/transfer_settings.h"
 #include "restore/restore_commands.h"
 #include "support/log.h"
 #include "support/string_list.h"
@@ -53,28 +57,24 @@ struct RestoreUpload {
 // return comes right before STOR, since the callback consumes the archive.
 int UploadSaveFile(FtpSession* session, bool name_format, RestoreTimes* times, DataCallback send,
                    void* argument, RestoreUpload* upload) {
-  if (EnsureParameter(session, &session->structure, 'F', "STRU F", "STRU") != 0 ||
-      EnsureParameter(session, &session->mode, 'S', "MODE S", "MODE") != 0 ||
-      EnsureParameter(session, &session->type, 'I', "TYPE I", "TYPE") != 0)
-    return -1;
-  if (name_format &&
-      EnsureParameter(session, &session->name_format, '1', "SITE NAMEFMT 1", "NAMEFMT") != 0)
-    return -1;
+  if (EnsureTransferSettings(session, {'I', false, name_format}) != 0) return -1;
   // The save file survives in QTEMP for the life of the server job, so only
   // the first restore of a session has to create it.
   char clear[64], create[64], store[64];
   FormatBounded(clear, sizeof clear, "RCMD CLRSAVF FILE(%s)", SaveTempFile);
   FormatBounded(create, sizeof create, "RCMD CRTSAVF FILE(%s)", SaveTempFile);
   FormatBounded(store, sizeof store, "STOR %s", SaveTempUpload);
-  if (SendCommand(session->control, clear, nullptr, 0, nullptr, nullptr, nullptr) != 0 &&
-      SendCommand(session->control, create, nullptr, 0, nullptr, nullptr, nullptr) != 0) {
+  if (Command(session->control, clear) != 0 && Command(session->control, create) != 0) {
     VFAIL("CRTSAVF command failed\n");
     return -1;
   }
   double start = 0;
   bool started = RestoreClock(&start);
   PassPointOfNoReturn(session);
-  if (SendCommand(session->control, store, nullptr, 0, nullptr, send, argument) != 0) {
+  Transfer transfer;
+  transfer.send = send;
+  transfer.argument = argument;
+  if (DataCommand(session, store, transfer) != 0) {
     VFAIL("STOR command failed\n");
     return -1;
   }
@@ -97,12 +97,10 @@ constexpr int RestoreCommandFailed = -1;
 // is quoted under `label` and judged: a restore that put some objects back,
 // or found nothing to restore, is tolerated rather than failed.
 int RunRestoreCommand(FtpSession* session, const char* command, const char* label) {
-  char reply[RestoreReplySize] = "";
-  if (SendCommand(session->control, command, reply, sizeof reply, nullptr, nullptr, nullptr) == 0)
-    return RestoreCommandDone;
-  reply[sizeof reply - 1] = '\0';
-  VFAIL("%s command failed\n  %s\n", label, reply);
-  return ClassifyRestoreReply(reply) >= 1 ? RestoreCommandTolerated : RestoreCommandFailed;
+  Reply reply;
+  if (Command(session->control, command, &reply) == 0) return RestoreCommandDone;
+  VFAIL("%s command failed\n  %s\n", label, reply.quoted);
+  return ClassifyRestoreReply(reply.quoted) >= 1 ? RestoreCommandTolerated : RestoreCommandFailed;
 }
 
 // A CL command built piece by piece in the command buffer, counting what
@@ -257,9 +255,7 @@ int RestoreDocuments(FtpSession* session, const char* name, RestoreTimes* times,
     RestoreUpload upload{};
     if (UploadSaveFile(session, false, times, send, argument, &upload) != 0) return -1;
     // Document restores are judged by the reply code alone.
-    int result = SendCommand(session->control,
-                             "RCMD RSTDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)",
-                             nullptr, 0, nullptr, nullptr, nullptr);
+    int result = Command(session->control, "RCMD RSTDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)");
     NoteRestoreSeconds(times, upload);
     if (result != 0) {
       VFAIL("RSTDLO command failed\n");
@@ -289,8 +285,7 @@ int RestoreAuthority(FtpSession* session) {
   if (!IsSession(session)) return -1;
   // Nothing is handed to a callback, so the command may always be repeated.
   return RunProtected(session, [&]() -> int {
-    if (SendCommand(session->control, "RCMD RSTAUT USRPRF(*ALL)", nullptr, 0, nullptr, nullptr,
-                    nullptr) != 0) {
+    if (Command(session->control, "RCMD RSTAUT USRPRF(*ALL)") != 0) {
       VFAIL("RSTAUT command failed\n");
       return -1;
     }
@@ -298,45 +293,4 @@ int RestoreAuthority(FtpSession* session) {
   });
 }
 
-namespace {
-
-// The text at `at` starts with `phrase`, ignoring case.
-bool StartsWithPhrase(const char* at, const char* phrase) {
-  return at && strncasecmp(at, phrase, strlen(phrase)) == 0;
-}
-
-// The number standing before the phrase at `phrase_at`. The walk never goes
-// below the fourth character, so the reply code is never taken for a count.
-int RestoredCount(const char* text, const char* phrase_at) {
-  constexpr ptrdiff_t Floor = 3;
-  ptrdiff_t at = (phrase_at - text) - 1;
-  if (at > Floor) {
-    while (at > Floor && isspace(static_cast<unsigned char>(text[at]))) at--;
-    while (at > Floor && isdigit(static_cast<unsigned char>(text[at]))) at--;
-  }
-  const char* number = text + at + 1;
-  char* end = nullptr;
-  long count = strtol(number, &end, 0);  // base 0: a leading 0 reads as octal
-  if (count < 1 || *end != ' ') return 0;
-  return count > INT_MAX ? INT_MAX : static_cast<int>(count);
-}
-
-}  // namespace
-
-int ClassifyRestoreReply(const char* text) {
-  if (!text) return -1;
-  // Only the first occurrence of each initial letter is looked at.
-  const char* at = strpbrk(text, "oO");
-  if (StartsWithPhrase(at, "objects restored")) return RestoredCount(text, at);
-  at = strpbrk(text, "lL");
-  if (StartsWithPhrase(at, "libraries restored")) return RestoredCount(text, at);
-  at = strpbrk(text, "nN");
-  if (StartsWithPhrase(at, "Not all ")) return 1;
-  at = strpbrk(text, "sS");
-  if (StartsWithPhrase(at, "Save file ")) {
-    at = strpbrk(at + strlen("Save file "), "cC");
-    if (StartsWithPhrase(at, "contains no data")) return 1;
-  }
-  return -1;
-}
 

@@ -9,6 +9,7 @@
 #pragma once
 
 #include "ftp/session.h"
+#include "net/transfer.h"
 
 struct StringList;
 struct StringPair;
@@ -16,9 +17,6 @@ struct StringPair;
 constexpr const char* SaveTempFile = "QTEMP/SAVTEMP";
 constexpr const char* SaveTempUpload = "/QSYS.LIB/QTEMP.LIB/SAVTEMP.SAVF";
 constexpr const char* SaveTempDevice = "/QSYS.LIB/QTEMP.LIB/SAVTEMP.FILE";
-// Restore replies are kept to 127 characters: enough for the phrases that
-// ClassifyRestoreReply looks for, and what the failure messages quote.
-constexpr int RestoreReplySize = 128;
 
 // Filled by the restore commands when the caller gives one and the clock
 // can be read; the caller clears it for every entry.
@@ -40,7 +38,7 @@ int RestoreIfsObjects(FtpSession* session, const StringList* objects, RestoreTim
 int RestoreLibrary(FtpSession* session, const StringPair* pair, RestoreTimes* times,
                    DataCallback send, void* argument);
 // These three restore everything in the save file to its saved place.
-// RestoreDocuments gives SendCommand's result (1 or -1) when RSTDLO fails.
+// RestoreDocuments gives Command's result (1 or -1) when RSTDLO fails.
 int RestoreDocuments(FtpSession* session, const char* name, RestoreTimes* times,
                      DataCallback send, void* argument);
 int RestoreUserProfiles(FtpSession* session, const char* name, RestoreTimes* times,
@@ -49,10 +47,3 @@ int RestoreConfiguration(FtpSession* session, const char* name, RestoreTimes* ti
                          DataCallback send, void* argument);
 // RSTAUT USRPRF(*ALL): no upload; after a recovery it is simply sent again.
 int RestoreAuthority(FtpSession* session);
-
-// Judges the reply text of a restore command the server called failed: the
-// count of "<n> objects restored" or "<n> libraries restored" (0 when it is
-// not a positive number followed by a blank), 1 for "Not all ..." and for an
-// empty save file, -1 otherwise. Only the first occurrence of each phrase's
-// initial letter is examined.
-int ClassifyRestoreReply(const char* text);

@@ -94,6 +94,11 @@ ssize_t SendSome(int descriptor, const void* data, size_t length) {
   return Retried([&] { return send(descriptor, data, length, MSG_NOSIGNAL); });
 }
 
+ssize_t SendFull(int descriptor, const void* data, size_t length, size_t* done) {
+  const char* bytes = static_cast<const char*>(data);
+  return WriteAll(length, done, [&](size_t at) { return send(descriptor, bytes + at, length - at, MSG_NOSIGNAL); });
+}
+
 ssize_t ReceiveWaiting(int descriptor, void* data, size_t length) {
   return Retried([&] { return recv(descriptor, data, length, MSG_DONTWAIT); });
 }

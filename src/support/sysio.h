@@ -35,6 +35,9 @@ ssize_t PwriteFull(int descriptor, const void* data, size_t length, int64_t offs
 // One send on a socket, retried after a signal. A peer that went away is a
 // write error like any other, never a SIGPIPE.
 ssize_t SendSome(int descriptor, const void* data, size_t length);
+// Sends all of length bytes on a socket, as WriteFull does for files, and
+// never raises SIGPIPE.
+ssize_t SendFull(int descriptor, const void* data, size_t length, size_t* done = nullptr);
 // One receive that does not block (nothing waiting: -1 with EAGAIN),
 // retried after a signal.
 ssize_t ReceiveWaiting(int descriptor, void* data, size_t length);

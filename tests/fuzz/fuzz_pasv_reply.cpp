@@ -11,7 +11,9 @@
 #include <string>
 
 #include "fuzz_common.h"
-#include "net/socket.h"
+#include "net/command.h"
+#include "net/data_connection.h"
+#include "net/reply_reader.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzz::SilenceProgramLog();

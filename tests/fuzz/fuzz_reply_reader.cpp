@@ -18,8 +18,15 @@
 #include <cstring>
 
 #include "fuzz_common.h"
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/remote_listing.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
-#include "net/socket.h"
+#include "ftp/transfer_settings.h"
+#include "net/command.h"
+#include "net/data_connection.h"
+#include "net/reply_reader.h"
 #include "support/log.h"
 #include "support/string_list.h"
 #include "support/sysio.h"

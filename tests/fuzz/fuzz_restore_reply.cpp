@@ -12,7 +12,12 @@
 #include <cstring>
 #include <string>
 
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/remote_listing.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
+#include "ftp/transfer_settings.h"
 #include "restore/restore_commands.h"
 #include "fuzz_common.h"
 
@@ -80,8 +85,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string text = fuzz::AsCString(std::string(reinterpret_cast<const char*>(data), size));
   Judge(text);
-  if (text.size() >= static_cast<size_t>(RestoreReplySize))
-    Judge(text.substr(0, RestoreReplySize - 1));
+  if (text.size() >= static_cast<size_t>(QuotedReplySize))
+    Judge(text.substr(0, QuotedReplySize - 1));
   FUZZ_CHECK(ClassifyRestoreReply(nullptr) == -1);
   return 0;
 }

@@ -16,8 +16,15 @@
 #include <vector>
 
 #include "backup/backup.h"
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/remote_listing.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
-#include "net/socket.h"
+#include "ftp/transfer_settings.h"
+#include "net/command.h"
+#include "net/data_connection.h"
+#include "net/reply_reader.h"
 
 namespace {
 

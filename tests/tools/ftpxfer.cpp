@@ -11,7 +11,13 @@
 #include <cstring>
 #include <string>
 
+#include "ftp/data_command.h"
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/remote_listing.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
+#include "ftp/transfer_settings.h"
 #include "support/log.h"
 #include "support/string_list.h"
 #include "support/sysio.h"
@@ -48,16 +54,19 @@ int main(int argc, char** argv) {
   RegisterThread(-1);
   FtpSession* session = NewSession(argv[1], "ftp");
   if (!session || Login(session, argv[2], argv[3]) != 0) return 1;
-  if (SendCommand(session->control, "TYPE I", nullptr, 0, nullptr, nullptr, nullptr) != 0) return 1;
+  if (Command(session->control, "TYPE I") != 0) return 1;
   bool retrieve = strcmp(argv[4], "retr") == 0;
   std::string command = std::string(retrieve ? "RETR " : "STOR ") + (retrieve ? argv[5] : argv[6]);
   int fd = retrieve ? open(argv[6], O_WRONLY | O_CREAT | O_TRUNC, 0600) : open(argv[5], O_RDONLY);
   if (fd < 0) return 1;
-  char reply[256] = "";
-  int result = SendCommand(session->control, command.c_str(), reply, sizeof reply,
-                           retrieve ? WriteTo : nullptr, retrieve ? nullptr : ReadFrom, &fd);
+  Reply reply;
+  Transfer transfer;
+  transfer.receive = retrieve ? WriteTo : nullptr;
+  transfer.send = retrieve ? nullptr : ReadFrom;
+  transfer.argument = &fd;
+  int result = DataCommand(session, command.c_str(), transfer, &reply);
   close(fd);
   Quit(session);
-  if (result != 0) fprintf(stderr, "transfer failed (%d): %s\n", result, reply);
+  if (result != 0) fprintf(stderr, "transfer failed (%d): %s\n", result, reply.quoted);
   return result == 0 ? 0 : 1;
 }

@@ -17,8 +17,15 @@
 #include <thread>
 #include <vector>
 
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/remote_listing.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
-#include "net/socket.h"
+#include "ftp/transfer_settings.h"
+#include "net/command.h"
+#include "net/data_connection.h"
+#include "net/reply_reader.h"
 
 inline int ListenLoopback(sockaddr_in* address) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);

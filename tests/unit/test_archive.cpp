@@ -28,7 +28,12 @@
 
 #include "backup/backup.h"
 #include "fake_server.h"
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/remote_listing.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
+#include "ftp/transfer_settings.h"
 #include "backup/save_commands.h"
 #include "test_helpers.h"
 #include "cli/vondral.h"
@@ -467,7 +472,7 @@ TEST_F(RetrieveToArchiveTest, RetrievalsThatBringNoEntryLeaveTheArchiveAsItWas) 
     EXPECT_TRUE(ArchiveLockIsFree());
     // The session is still usable.
     session->checkpoint_flags = 0;
-    EXPECT_EQ(SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(Command(session->control, "NOOP"), 0);
   }
 }
 

@@ -10,7 +10,12 @@
 
 #include "backup/backup.h"
 #include "fake_server.h"
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/remote_listing.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
+#include "ftp/transfer_settings.h"
 #include "test_helpers.h"
 #include "cli/vondral.h"
 
@@ -172,8 +177,8 @@ TEST_F(SessionTest, BrokenConnectionBeforeThePointOfNoReturnRunsTheOperationAgai
   StderrCapture err;
   int result = RunProtected(session, [&] {
     runs++;
-    if (EnsureParameter(session, &session->structure, 'F', "STRU F", "STRU") != 0) return -1;
-    return SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr);
+    if (EnsureTransferSettings(session, {'I', false, false}) != 0) return -1;
+    return Command(session->control, "NOOP");
   });
   EXPECT_EQ(result, 0);
   EXPECT_EQ(runs, 2);
@@ -182,9 +187,9 @@ TEST_F(SessionTest, BrokenConnectionBeforeThePointOfNoReturnRunsTheOperationAgai
   EXPECT_EQ(session->live_checkpoints, 0);
   auto commands = server.Commands();
   // The set-up is sent again after the new login, since the fields were cleared.
-  std::vector<std::string> tail(commands.end() - 8, commands.end());
-  EXPECT_EQ(tail, (std::vector<std::string>{"NOOP", "USER u", "PASS p", "CWD /", "SYST",
-                                            "TIME 86400 86400", "STRU F", "NOOP"}));
+  std::vector<std::string> tail(commands.end() - 10, commands.end());
+  EXPECT_EQ(tail, (std::vector<std::string>{"NOOP", "USER u", "PASS p", "CWD /", "SYST", "TIME 86400 86400",
+                                            "STRU F", "MODE S", "TYPE I", "NOOP"}));
   EXPECT_EQ(server.connections(), 2);
 }
 
@@ -199,14 +204,14 @@ TEST_F(SessionTest, BrokenConnectionAfterThePointOfNoReturnGivesMinusOne) {
   int result = RunProtected(session, [&] {
     runs++;
     PassPointOfNoReturn(session);
-    return SendCommand(session->control, "LIST /", nullptr, 0, nullptr, nullptr, nullptr);
+    return Command(session->control, "LIST /");
   });
   EXPECT_EQ(result, -1);
   EXPECT_EQ(runs, 1);
   EXPECT_EQ(session->checkpoint_flags, 0);
   // The session was reconnected and logged in again all the same.
   EXPECT_GE(session->control->descriptor, 0);
-  EXPECT_EQ(SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr), 0);
+  EXPECT_EQ(Command(session->control, "NOOP"), 0);
 }
 
 TEST_F(SessionTest, RefusedReloginEndsTheOperation) {
@@ -219,7 +224,7 @@ TEST_F(SessionTest, RefusedReloginEndsTheOperation) {
   ASSERT_EQ(Login(session, "u", "p"), 0);
   StderrCapture err;
   int result = RunProtected(session, [&] {
-    return SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr);
+    return Command(session->control, "NOOP");
   });
   EXPECT_EQ(result, -1);
   std::string text = err.Text();
@@ -232,7 +237,7 @@ TEST_F(SessionTest, RefusedReloginEndsTheOperation) {
   // protected operation running the session behaves as unarmed: a further
   // failure reports and returns instead of escaping.
   EXPECT_TRUE(session->checkpoint_flags & CHECKPOINT_ARMED);
-  EXPECT_EQ(SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr), -1);
+  EXPECT_EQ(Command(session->control, "NOOP"), -1);
   EXPECT_NE(err.Text().find("jump buffer invalid"), std::string::npos);
 }
 
@@ -243,7 +248,7 @@ TEST_F(SessionTest, OutsideAnyProtectedOperationTheCommandSimplyFails) {
   ASSERT_NE(Open(server), nullptr);
   ASSERT_EQ(Login(session, "u", "p"), 0);
   StderrCapture err;
-  EXPECT_EQ(SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr), -1);
+  EXPECT_EQ(Command(session->control, "NOOP"), -1);
   EXPECT_TRUE(std::regex_search(err.Text(), std::regex(R"(\[ftp\.cpp,\d+\]: jump buffer invalid\n)")));
 }
 
@@ -299,7 +304,7 @@ TEST_F(SessionTest, ALostConnectionReleasesTheArchiveLockOnlyAfterTheCutBack) {
     // Data that came before the break: it must not survive the abort.
     EXPECT_EQ(write(archive.fd, std::string(700, 'x').data(), 700), 700);
     held_inside = !ArchiveLockIsFree();
-    return SendCommand(session->control, "RETR x", nullptr, 0, nullptr, nullptr, nullptr);
+    return Command(session->control, "RETR x");
   });
   EXPECT_EQ(result, -1);
   EXPECT_TRUE(held_inside);
@@ -314,7 +319,7 @@ TEST_F(SessionTest, QuitOnABrokenSessionStillFreesEverything) {
   ASSERT_NE(Open(server), nullptr);
   ASSERT_EQ(Login(session, "u", "p"), 0);
   StderrCapture err;
-  SendCommand(session->control, "NOOP", nullptr, 0, nullptr, nullptr, nullptr);
+  Command(session->control, "NOOP");
   EXPECT_EQ(Quit(session), -1);
   session = nullptr;
   EXPECT_NE(err.Text().find("QUIT command failed"), std::string::npos);

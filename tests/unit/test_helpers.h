@@ -89,7 +89,12 @@ inline bool RequestWithGraceOver(int signal_number) {
 #include <vector>
 
 #include "backup/backup.h"
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/remote_listing.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
+#include "ftp/transfer_settings.h"
 
 // A temporary archive file, removed with the object.
 struct TempArchive {

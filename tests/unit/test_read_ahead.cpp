@@ -16,7 +16,9 @@
 
 #include "backup/backup.h"
 #include "restore/restore.h"
-#include "net/socket.h"
+#include "net/command.h"
+#include "net/data_connection.h"
+#include "net/reply_reader.h"
 
 namespace {
 

@@ -15,7 +15,12 @@
 #include <vector>
 
 #include "fake_server.h"
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/remote_listing.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
+#include "ftp/transfer_settings.h"
 #include "restore/restore_commands.h"
 #include "backup/save_commands.h"
 #include "restore/restore.h"

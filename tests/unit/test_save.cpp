@@ -19,7 +19,12 @@
 
 #include "backup/backup.h"
 #include "fake_server.h"
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/remote_listing.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
+#include "ftp/transfer_settings.h"
 #include "backup/save_commands.h"
 #include "support/log.h"
 #include "support/string_list.h"

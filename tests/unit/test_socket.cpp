@@ -12,8 +12,15 @@
 #include <utility>
 
 #include "fake_server.h"
+#include "ftp/checkpoint.h"
+#include "ftp/data_command.h"
+#include "ftp/remote_listing.h"
+#include "ftp/reply_judge.h"
 #include "ftp/session.h"
-#include "net/socket.h"
+#include "ftp/transfer_settings.h"
+#include "net/command.h"
+#include "net/data_connection.h"
+#include "net/reply_reader.h"
 #include "test_helpers.h"
 #include "cli/vondral.h"
 
@@ -40,12 +47,15 @@ struct TransportTest : ::testing::Test {
     Settings.verbosity = 0;
   }
   FtpSession* Open(FakeFtpServer& server) { return session = NewSessionTo(server.address()); }
-  int Send(const std::string& command, char* reply = nullptr, size_t size = 0) {
-    return SendCommand(session->control, command.c_str(), reply, size, nullptr, nullptr, nullptr);
+  int Send(const std::string& command, Reply* reply = nullptr) {
+    return Command(session->control, command.c_str(), reply);
   }
   // A download into `got`.
-  int Retr(const char* command, std::string* got, char* reply = nullptr, size_t size = 0) {
-    return SendCommand(session->control, command, reply, size, Collect, nullptr, got);
+  int Retr(const char* command, std::string* got, Reply* reply = nullptr) {
+    Transfer transfer;
+    transfer.receive = Collect;
+    transfer.argument = got;
+    return DataCommand(session, command, transfer, reply);
   }
   FtpSession* session = nullptr;
 };
@@ -90,21 +100,22 @@ TEST_F(TransportTest, CrLfSplitBetweenReadsIsNotALineEnd) {
 }
 
 // The reply reader, one reply per command: intermediate lines are skipped,
-// the final line is judged by its first digit and handed back only when
-// negative; a line of 4095 characters is the longest taken, a longer one is
-// refused and dropped, and a buffer filled without a line end is given up
+// the final line is judged by its first digit and handed back whole, a
+// negative one also as the text a failure message quotes (cut to 127
+// characters); a line of 4095 characters is the longest taken, a longer one
+// is refused and dropped, and a buffer filled without a line end is given up
 // silently.
 TEST_F(TransportTest, ReplyReaderJudgesFinalLinesUpTo4095Characters) {
   const std::string longest = "500 " + std::string(4091, 'a');
-  const struct { std::string sent; int result; std::string line; const char* message; } cases[] = {
-      {"250-first\r\n250-second\r\n250 done\r\n", 0, "-", nullptr},
-      {"550-oops\r\n550 Not found.\r\n", 1, "550 Not found.", nullptr},
-      {"331 more\r\n", 0, "-", nullptr},
-      {"452 full\r\n", 1, "452 full", nullptr},
-      {longest + "\r\n", 1, longest, nullptr},
-      {"200 " + std::string(4092, 'b') + "\r\n", -1, "-", "command reply too long\n"},
-      {"200 fine\r\n", 0, "-", nullptr},  // the refused line is gone
-      {"200 " + std::string(4996, 'c'), -1, "-", nullptr},
+  const struct { std::string sent; int result; std::string line, quoted; const char* message; } cases[] = {
+      {"250-first\r\n250-second\r\n250 done\r\n", 0, "250 done", "", nullptr},
+      {"550-oops\r\n550 Not found.\r\n", 1, "550 Not found.", "550 Not found.", nullptr},
+      {"331 more\r\n", 0, "331 more", "", nullptr},
+      {"452 full\r\n", 1, "452 full", "452 full", nullptr},
+      {longest + "\r\n", 1, longest, longest.substr(0, QuotedReplySize - 1), nullptr},
+      {"200 " + std::string(4092, 'b') + "\r\n", -1, "", "", "command reply too long\n"},
+      {"200 fine\r\n", 0, "200 fine", "", nullptr},  // the refused line is gone
+      {"200 " + std::string(4996, 'c'), -1, "", "", nullptr},
   };
   FakeFtpServer server([&cases](PeerConnection& c, const std::string& command) {
     c.Reply(cases[std::stoi(command)].sent);
@@ -113,11 +124,11 @@ TEST_F(TransportTest, ReplyReaderJudgesFinalLinesUpTo4095Characters) {
   ASSERT_NE(Open(server), nullptr);
   for (size_t i = 0; i < std::size(cases); i++) {
     SCOPED_TRACE(cases[i].sent.substr(0, 40));
-    std::vector<char> reply(ReplyBufferSize);
-    reply[0] = '-';
+    Reply reply;
     StderrCapture err;
-    EXPECT_EQ(Send(std::to_string(i), reply.data(), reply.size()), cases[i].result);
-    EXPECT_EQ(std::string(reply.data()), cases[i].line);
+    EXPECT_EQ(Send(std::to_string(i), &reply), cases[i].result);
+    EXPECT_EQ(std::string(reply.line), cases[i].line);
+    EXPECT_EQ(std::string(reply.quoted), cases[i].quoted);
     if (cases[i].message)
       EXPECT_TRUE(std::regex_search(err.Text(), std::regex(std::string(R"(vondral\[socket\.cpp,\d+\]: )") +
                                                            cases[i].message)))
@@ -255,19 +266,25 @@ TEST_F(TransportTest, TransfersMoveEveryByteBothWaysEachWithItsOwnPassiveExchang
     EXPECT_NE(err.Text().find("can't connect data port"), std::string::npos) << err.Text();
     EXPECT_NE(err.Text().find("PASV command failed"), std::string::npos) << err.Text();
   }
-  char reply[128] = "";
-  EXPECT_EQ(Retr("RETR /f", &got, reply, sizeof reply), 0);
+  Reply reply;
+  EXPECT_EQ(Retr("RETR /f", &got, &reply), 0);
   EXPECT_EQ(got, payload);
-  EXPECT_STREQ(reply, "150 Opening data connection.");  // the preliminary reply is handed back
+  EXPECT_STREQ(reply.quoted, "150 Opening data connection.");  // the preliminary reply is quoted
+  EXPECT_STREQ(reply.line, "226 Transfer complete.");
   EXPECT_EQ(session->control->data->descriptor, -1);
   got.clear();
-  EXPECT_EQ(Retr("RETR /x", &got, reply, sizeof reply), 1);
-  EXPECT_STREQ(reply, "550 CPF9812 File SAV1 in library QTEMP not found.");
+  reply = Reply{};
+  EXPECT_EQ(Retr("RETR /x", &got, &reply), 1);
+  EXPECT_STREQ(reply.quoted, "550 CPF9812 File SAV1 in library QTEMP not found.");
   EXPECT_EQ(got, "");
   Upload up, empty;
   for (int i = 0; i < 200000; i++) up.data.push_back(static_cast<char>(i % 253));
-  EXPECT_EQ(SendCommand(session->control, "STOR /f", nullptr, 0, nullptr, Supply, &up), 0);
-  EXPECT_EQ(SendCommand(session->control, "STOR /g", nullptr, 0, nullptr, Supply, &empty), 0);
+  Transfer store_up, store_empty;
+  store_up.send = store_empty.send = Supply;
+  store_up.argument = &up;
+  store_empty.argument = &empty;
+  EXPECT_EQ(DataCommand(session, "STOR /f", store_up), 0);
+  EXPECT_EQ(DataCommand(session, "STOR /g", store_empty), 0);
   EXPECT_EQ(empty.calls, 1);  // an empty supply makes an empty file
   EXPECT_EQ(server.Commands(), (std::vector<std::string>{"PASV", "PASV", "RETR /f", "PASV", "RETR /x", "PASV",
                                                          "STOR /f", "PASV", "STOR /g"}));

@@ -1,0 +1,220 @@
+// The command exchange: one command line out, its replies in, and the data
+// transfer of LIST, RETR and STOR run while the final reply is awaited.
+#include "net/command.h"
+
+#include <poll.h>
+#include <strings.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "cli/settings.h"
+#include "ftp/checkpoint.h"
+#include "net/reply_reader.h"
+#include "support/log.h"
+#include "support/sysio.h"
+#include "support/termination.h"
+#include "support/text.h"
+
+// The module this file reports as in failure messages.
+static constexpr const char* kModule = "socket.cpp";
+
+namespace {
+
+// One wait for a final reply, with the command's transfer running beside
+// it: the control connection is watched while only preliminary replies
+// came, the data connection while it is open.
+class Exchange {
+ public:
+  Exchange(FtpConnection* control, Reply* reply, const Transfer* transfer)
+      : control_(control), data_(control->data), reply_(reply), transfer_(transfer) {}
+
+  int Run() {
+    for (;;) {
+      if (!Watch()) break;
+      if (entries_ == 0) break;
+      const int step = WaitStepMs();
+      if (step == 0) {
+        // The grace after a termination request is over: the reply (or the
+        // start of the data) is not awaited any longer.
+        VFAIL("termination requested: no longer waiting for a reply\n");
+        if (transfer_) CloseDataSocket(data_);
+        return -1;
+      }
+      int ready = PollStep(set_, entries_, step);
+      if (ready < 0) {
+        VFAIL("poll(): %s\n", strerror(errno));
+        return -1;
+      }
+      if (ready == 0 && TerminationRequested.load() != 0) continue;
+      if (ready == 0) {
+        if (SilentStep() != 0) return -1;
+      } else {
+        if (control_entry_ >= 0 && (set_[control_entry_].revents & (POLLIN | POLLPRI))) TakeReplies();
+        if (data_entry_ >= 0 && set_[data_entry_].revents) MoveData();
+        if (InTrouble()) {
+          VFAIL("poll(): revents: 0x%X, 0x%X\n", static_cast<unsigned>(set_[0].revents),
+                entries_ > 1 ? static_cast<unsigned>(set_[1].revents) : 0u);
+          AbandonConnections(control_);
+          return -1;
+        }
+        waited_ = 0;
+      }
+      if (awaiting_ || DataOpen()) continue;
+      break;
+    }
+    return failure_;
+  }
+
+ private:
+  bool DataOpen() const { return transfer_ && data_->descriptor >= 0; }
+
+  // Fills the poll set. false when the control connection is gone (the
+  // failure is then the checkpoint's answer).
+  bool Watch() {
+    entries_ = 0;
+    control_entry_ = -1;
+    data_entry_ = -1;
+    if (awaiting_) {
+      if (control_->descriptor < 0) {
+        VFAIL("control connection gone\n");
+        failure_ = AbortToCheckpoint(control_->owner);
+        return false;
+      }
+      set_[entries_] = {control_->descriptor, POLLIN | POLLPRI, 0};
+      control_entry_ = static_cast<int>(entries_++);
+      if (Settings.verbosity >= 4) VFAIL("'%c': looking for completion reply\n", '1');
+    }
+    if (DataOpen()) {
+      short events = transfer_->receive ? (POLLIN | POLLPRI) : POLLOUT;
+      if (entries_ > 0 && set_[entries_ - 1].fd == data_->descriptor) {
+        set_[entries_ - 1].events |= events;
+        data_entry_ = static_cast<int>(entries_ - 1);
+      } else {
+        set_[entries_] = {data_->descriptor, events, 0};
+        data_entry_ = static_cast<int>(entries_++);
+      }
+      if (Settings.verbosity >= 4) {
+        if (transfer_->receive)
+          VFAIL("looking for more data to read\n");
+        else
+          VFAIL("looking for more data to write\n");
+      }
+    }
+    return true;
+  }
+
+  // Reads every reply line the server has sent so far.
+  void TakeReplies() {
+    do {
+      char got[ReplyBufferSize];
+      int result = ReadReply(control_, got);
+      if (result < 0) {
+        awaiting_ = false;
+        failure_ = -1;
+        break;
+      }
+      CopyBounded(reply_->line, sizeof reply_->line, got);
+      awaiting_ = got[0] == '1';
+      if (result == 1) {
+        CopyBounded(reply_->quoted, sizeof reply_->quoted, got);
+        // Whichever failure came first is the one reported: a transfer
+        // that already broke stays -1 even when the server then sends
+        // its negative reply.
+        if (got[0] != '1' && failure_ == 0) failure_ = 1;
+      }
+    } while (control_->lines_held > 0);
+  }
+
+  void MoveData() {
+    int moved = transfer_->receive ? ReceiveData(control_, transfer_->receive, transfer_->argument)
+                                   : SendData(control_, transfer_->send, transfer_->argument);
+    if (moved != 0 && failure_ == 0) failure_ = -1;
+  }
+
+  // An error or hang-up on the data socket that the transfer has already
+  // met (and closed the socket for) is a failed transfer, not a broken
+  // session: a server refusing a LIST or RETR resets the data connection
+  // while the control connection is perfectly healthy.
+  bool InTrouble() const {
+    const short problems = static_cast<short>(~(POLLIN | POLLPRI | POLLOUT));
+    bool control_trouble = control_entry_ >= 0 && (set_[control_entry_].revents & problems);
+    bool data_trouble = data_entry_ >= 0 && data_entry_ != control_entry_ &&
+                        (set_[data_entry_].revents & problems) && data_->descriptor >= 0;
+    return control_trouble || data_trouble;
+  }
+
+  // A poll step in which nothing came. A plain command waits for its reply
+  // without limit: a save on the server may run for hours. Only a transfer
+  // is bounded by --timeout. 0, or -1 when the transfer is given up.
+  int SilentStep() {
+    waited_ += PollStepMs;
+    VFAIL("poll(): timedout after %.2fs (%.2fs)\n", PollStepSeconds(), waited_ / 1000.0);
+    if (transfer_ && waited_ >= static_cast<long>(Settings.timeout_minutes) * PollStepMs) {
+      AbandonConnections(control_);
+      return -1;
+    }
+    return 0;
+  }
+
+  FtpConnection* control_;
+  FtpConnection* data_;
+  Reply* reply_;
+  const Transfer* transfer_;
+  bool awaiting_ = true;  // only preliminary replies (or none) came so far
+  int failure_ = 0;
+  long waited_ = 0;
+  struct pollfd set_[2];
+  nfds_t entries_ = 0;
+  int control_entry_ = -1;
+  int data_entry_ = -1;
+};
+
+}  // namespace
+
+const char* ShownCommand(const char* command) {
+  // A debug log must never carry the credential into a scheduler's files.
+  if (strncasecmp(command, "PASS ", 5) == 0) return "PASS ********";
+  return command;
+}
+
+bool MaySendCommand(const char* command) {
+  if (TerminationMsLeft() != 0) return true;
+  VFAIL("termination requested: %s not sent\n", ShownCommand(command));
+  return false;
+}
+
+int SendCommandLine(FtpConnection* control, const char* command) {
+  if (!IsControlRecord(control)) return -1;
+  // The limit counts the CR LF while at most 4094 characters are kept, so a
+  // command of exactly 4093 characters goes out with CR and a zero byte.
+  char line[CommandBufferSize];
+  int length = FormatBounded(line, CommandBufferSize - 1, "%s\r\n", command);
+  if (length > CommandBufferSize - 1) {
+    VFAIL("command too long\n");
+    return -1;
+  }
+  size_t sent = 0;
+  if (SendFull(control->descriptor, line, static_cast<size_t>(length), &sent) < 0) {
+    VFAIL("write(%s:%d,, %d): %s\n", control->peer_text, Port(control->peer), length - static_cast<int>(sent),
+          strerror(errno));
+    CloseDescriptor(&control->descriptor);
+    return AbortToCheckpoint(control->owner);
+  }
+  if (Settings.verbosity >= 3) LogMessage("%s: sent command \"%s\"\n", ProgramName, ShownCommand(command));
+  return 0;
+}
+
+int AwaitReply(FtpConnection* control, Reply* reply, const Transfer* transfer) {
+  if (!IsControlRecord(control)) return -1;
+  Reply ignored;
+  Exchange exchange(control, reply ? reply : &ignored, transfer);
+  return exchange.Run();
+}
+
+int Command(FtpConnection* control, const char* command, Reply* reply) {
+  if (!IsControlRecord(control)) return -1;
+  if (!MaySendCommand(command)) return -1;
+  if (SendCommandLine(control, command) != 0) return -1;
+  return AwaitReply(control, reply, nullptr);
+}

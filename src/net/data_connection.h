@@ -1,0 +1,18 @@
+// The passive data connection: reading the server's address out of a PASV
+// reply and connecting to it.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstddef>
+
+struct FtpConnection;
+
+// Reads the passive address out of a PASV reply ("227 ... h1,h2,h3,h4,p1,p2"):
+// address gets family, address and port, text the dotted address as the
+// reply spelled it (cut to text_size, always terminated; text_size > 0).
+// 0, or -1 after reporting what is wrong with the reply.
+int ParsePassiveReply(const char* reply, sockaddr_in* address, char* text, size_t text_size);
+// Connects the control record's data record to the address of a PASV
+// reply line, closing any data connection it had. 0, or -1 after a message.
+int ConnectDataConnection(FtpConnection* control, const char* passive_reply);

@@ -1,0 +1,69 @@
+#!/usr/bin/python3
+"""Compares two recordings of the end-to-end suite (tests/tools/record_runs.sh),
+made with two builds of the program: every invocation's arguments, output,
+status and the digests of the files it named. What legitimately differs
+between two runs (clock, source line numbers in failure heads, temporary
+paths, measured times and rates) is blanked first.
+
+    compare_runs.py OLD_DIR NEW_DIR
+Exits 0 when every test's invocations match, 1 otherwise (with a diff)."""
+import collections
+import difflib
+import re
+import sys
+from pathlib import Path
+
+RULES = [
+    (re.compile(r"\[\d\d:\d\d:\d\d\] "), "[T] "),
+    (re.compile(r"\[([a-z_]+\.cpp),\d+\]"), r"[\1,N]"),
+    (re.compile(r"pytest-\d+"), "pytest-N"),
+    (re.compile(r"/tmp/tmp[\w]+"), "/tmp/TMP"),
+    (re.compile(r"\.partial\.\w{6}\b"), ".partial.XXXXXX"),
+    (re.compile(r"\d+\.\d+"), "F"),
+    (re.compile(r":\d{4,5}\b"), ":PORT"),
+    (re.compile(r"\(\d+,\d+\)"), "(P,P)"),
+]
+
+
+def normal(text):
+    for pattern, replacement in RULES:
+        text = pattern.sub(replacement, text)
+    return text
+
+
+def read(path):
+    try:
+        return path.read_text(errors="surrogateescape")
+    except FileNotFoundError:
+        return "<missing>"
+
+
+def transcripts(root):
+    tests = collections.defaultdict(list)
+    for run in sorted(Path(root).glob("run.*"), key=lambda p: p.stat().st_mtime):
+        test = read(run / "test").strip().rsplit(" (", 1)[0]
+        parts = [f"$ {' '.join(read(run / 'args').splitlines())}",
+                 f"status {read(run / 'status').strip()}",
+                 "--- out", read(run / "out"), "--- err", read(run / "err"),
+                 "--- files", read(run / "files")]
+        tests[test].append(normal("\n".join(parts)))
+    return tests
+
+
+def main():
+    old, new = transcripts(sys.argv[1]), transcripts(sys.argv[2])
+    differing = 0
+    for test in sorted(set(old) | set(new)):
+        a, b = old.get(test, []), new.get(test, [])
+        if sorted(a) == sorted(b):
+            continue
+        differing += 1
+        print(f"=== {test}")
+        sys.stdout.writelines(difflib.unified_diff("\n".join(a).splitlines(True),
+                                                   "\n".join(b).splitlines(True), "old", "new", n=1))
+    print(f"{len(set(old) | set(new))} tests compared, {differing} differ")
+    return 1 if differing else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
