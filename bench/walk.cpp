@@ -13,7 +13,8 @@
 
 #include "backup/backup.h"
 #include "ftp/session.h"
-#include "cli/vondral.h"
+#include "cli/settings.h"
+#include "support/log.h"
 
 namespace {
 

@@ -25,7 +25,7 @@
 #include "support/sysio.h"
 #include "support/termination.h"
 #include "support/text.h"
-#include "cli/vondral.h"
+#include "cli/settings.h"
 
 // The module this file reports as in failure messages.
 static constexpr const char* kModule = "socket.cpp";

@@ -24,7 +24,7 @@
 #include "../common/listing_reference.h"
 #include "backup/backup.h"
 #include "fuzz_common.h"
-#include "cli/vondral.h"
+#include "cli/settings.h"
 
 namespace {
 

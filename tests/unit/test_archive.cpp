@@ -31,7 +31,6 @@
 #include "ftp/session.h"
 #include "backup/save_commands.h"
 #include "test_helpers.h"
-#include "cli/vondral.h"
 
 // --- Failing positioned writes
 //

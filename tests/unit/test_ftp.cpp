@@ -12,7 +12,6 @@
 #include "fake_server.h"
 #include "ftp/session.h"
 #include "test_helpers.h"
-#include "cli/vondral.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "ftp/session.h"
 #include "net/socket.h"
 #include "test_helpers.h"
-#include "cli/vondral.h"
+#include "cli/settings.h"
 
 namespace {
 
