@@ -74,7 +74,9 @@ TEST(ArgumentNumbers, StrictIntegerTakesDecimalDigitsWithinTheBoundsOnly) {
     SCOPED_TRACE(c.text);
     long value = -99;
     EXPECT_EQ(StrictInteger(c.text, -1, 99999, &value), c.taken);
-    if (c.taken) EXPECT_EQ(value, c.value);
+    if (c.taken) {
+      EXPECT_EQ(value, c.value);
+    }
   }
 }
 
