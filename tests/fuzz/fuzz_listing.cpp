@@ -25,6 +25,7 @@
 #include "backup/backup.h"
 #include "fuzz_common.h"
 #include "cli/settings.h"
+#include "support/text.h"
 
 namespace {
 
