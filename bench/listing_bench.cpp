@@ -20,7 +20,6 @@
 #include "support/sysio.h"
 #include "support/termination.h"
 #include "support/text.h"
-#include "cli/vondral.h"
 
 namespace {
 

@@ -12,13 +12,10 @@
 #include <ctime>
 
 #include "backup/backup.h"
-#include "ftp/checkpoint.h"
-#include "ftp/data_command.h"
 #include "ftp/remote_listing.h"
-#include "ftp/reply_judge.h"
 #include "ftp/session.h"
-#include "ftp/transfer_settings.h"
-#include "cli/vondral.h"
+#include "cli/settings.h"
+#include "support/log.h"
 
 namespace {
 

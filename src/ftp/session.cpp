@@ -22,7 +22,6 @@
 #include "support/sysio.h"
 #include "support/termination.h"
 #include "support/text.h"
-#include "cli/vondral.h"
 
 // The module this file reports as in failure messages.
 static constexpr const char* kModule = "ftp.cpp";

@@ -26,7 +26,8 @@
 #include "support/sysio.h"
 #include "support/termination.h"
 #include "support/text.h"
-#include "cli/vondral.h"
+#include "cli/path_files.h"
+#include "cli/settings.h"
 
 // The module this file reports as in failure messages.
 static constexpr const char* kModule = "restore.cpp";

@@ -25,7 +25,8 @@
 #include "support/sysio.h"
 #include "support/termination.h"
 #include "support/text.h"
-#include "cli/vondral.h"
+#include "cli/path_files.h"
+#include "cli/settings.h"
 
 // Failures here are the ftp module's, as they always were.
 static constexpr const char* kModule = "ftp.cpp";

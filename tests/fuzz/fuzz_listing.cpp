@@ -24,7 +24,8 @@
 #include "../common/listing_reference.h"
 #include "backup/backup.h"
 #include "fuzz_common.h"
-#include "cli/vondral.h"
+#include "cli/settings.h"
+#include "support/text.h"
 
 namespace {
 

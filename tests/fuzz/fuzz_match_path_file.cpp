@@ -14,7 +14,8 @@
 #include "support/sysio.h"
 #include "support/termination.h"
 #include "support/text.h"
-#include "cli/vondral.h"
+#include "cli/path_files.h"
+#include "cli/settings.h"
 
 namespace {
 

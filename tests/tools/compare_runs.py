@@ -3,7 +3,8 @@
 made with two builds of the program: every invocation's arguments, output,
 status and the digests of the files it named. What legitimately differs
 between two runs (clock, source line numbers in failure heads, temporary
-paths, measured times and rates) is blanked first.
+paths, measured times and rates) is blanked first, and the lines of each
+output are compared as a set, since threads order them as they run.
 
     compare_runs.py OLD_DIR NEW_DIR
 Exits 0 when every test's invocations match, 1 otherwise (with a diff)."""
@@ -14,11 +15,13 @@ import sys
 from pathlib import Path
 
 RULES = [
+    (re.compile(r"/[^\s:']*/build/"), "BUILD/"),
     (re.compile(r"\[\d\d:\d\d:\d\d\] "), "[T] "),
     (re.compile(r"\[([a-z_]+\.cpp),\d+\]"), r"[\1,N]"),
     (re.compile(r"pytest-\d+"), "pytest-N"),
     (re.compile(r"/tmp/tmp[\w]+"), "/tmp/TMP"),
     (re.compile(r"\.partial\.\w{6}\b"), ".partial.XXXXXX"),
+    (re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d"), "DATE"),
     (re.compile(r"\d+\.\d+"), "F"),
     (re.compile(r":\d{4,5}\b"), ":PORT"),
     (re.compile(r"\(\d+,\d+\)"), "(P,P)"),
@@ -44,7 +47,8 @@ def transcripts(root):
         test = read(run / "test").strip().rsplit(" (", 1)[0]
         parts = [f"$ {' '.join(read(run / 'args').splitlines())}",
                  f"status {read(run / 'status').strip()}",
-                 "--- out", read(run / "out"), "--- err", read(run / "err"),
+                 "--- out", *sorted(read(run / "out").splitlines()),
+                 "--- err", *sorted(read(run / "err").splitlines()),
                  "--- files", read(run / "files")]
         tests[test].append(normal("\n".join(parts)))
     return tests
@@ -54,13 +58,16 @@ def main():
     old, new = transcripts(sys.argv[1]), transcripts(sys.argv[2])
     differing = 0
     for test in sorted(set(old) | set(new)):
-        a, b = old.get(test, []), new.get(test, [])
-        if sorted(a) == sorted(b):
+        a = collections.Counter(old.get(test, []))
+        b = collections.Counter(new.get(test, []))
+        only_old, only_new = sorted((a - b).elements()), sorted((b - a).elements())
+        if not only_old and not only_new:
             continue
         differing += 1
-        print(f"=== {test}")
-        sys.stdout.writelines(difflib.unified_diff("\n".join(a).splitlines(True),
-                                                   "\n".join(b).splitlines(True), "old", "new", n=1))
+        print(f"=== {test}: {len(only_old)} run(s) only in the old recording, {len(only_new)} only in the new")
+        for x, y in zip(only_old + [""] * len(only_new), only_new + [""] * len(only_old)):
+            sys.stdout.writelines(difflib.unified_diff(x.splitlines(True), y.splitlines(True), "old", "new", n=1))
+            print()
     print(f"{len(set(old) | set(new))} tests compared, {differing} differ")
     return 1 if differing else 0
 

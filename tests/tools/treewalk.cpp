@@ -21,7 +21,8 @@
 #include "ftp/reply_judge.h"
 #include "ftp/session.h"
 #include "ftp/transfer_settings.h"
-#include "cli/vondral.h"
+#include "cli/settings.h"
+#include "support/log.h"
 
 namespace {
 

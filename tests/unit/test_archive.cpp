@@ -36,7 +36,6 @@
 #include "ftp/transfer_settings.h"
 #include "backup/save_commands.h"
 #include "test_helpers.h"
-#include "cli/vondral.h"
 
 // --- Failing positioned writes
 //

@@ -17,7 +17,6 @@
 #include "ftp/session.h"
 #include "ftp/transfer_settings.h"
 #include "test_helpers.h"
-#include "cli/vondral.h"
 
 namespace {
 

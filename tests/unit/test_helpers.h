@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <string>
 
-#include "cli/vondral.h"
+#include "support/termination.h"
 
 // A temporary stream whose whole content can be read back as text.
 struct CapturedStream {

@@ -16,7 +16,9 @@
 #include "../common/listing_reference.h"
 #include "backup/backup.h"
 #include "test_helpers.h"
-#include "cli/vondral.h"
+#include "cli/list_mode.h"
+#include "cli/settings.h"
+#include "support/text.h"
 
 namespace {
 

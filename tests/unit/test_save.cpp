@@ -32,7 +32,7 @@
 #include "support/termination.h"
 #include "support/text.h"
 #include "test_helpers.h"
-#include "cli/vondral.h"
+#include "cli/settings.h"
 
 namespace {
 

@@ -22,7 +22,9 @@
 #include "net/data_connection.h"
 #include "net/reply_reader.h"
 #include "test_helpers.h"
-#include "cli/vondral.h"
+#include "cli/settings.h"
+#include "support/sysio.h"
+#include "support/termination.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "backup/backup.h"
 #include "test_helpers.h"
-#include "cli/vondral.h"
+#include "cli/settings.h"
 
 namespace {
 

@@ -1,122 +1,22 @@
-// Credentials, include/exclude path files, the option string, and
-// termination requests (SIGTERM, SIGINT, SIGHUP) with their grace.
-#include <fcntl.h>
+// Include and exclude path files: reading their lines, checking them when
+// opened, and matching a server path against them.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "cli/path_files.h"
+#include "cli/settings.h"
 #include "support/log.h"
 #include "support/string_list.h"
-#include "support/sysio.h"
-#include "support/termination.h"
-#include "support/text.h"
 #include "test_helpers.h"
-#include "cli/vondral.h"
 
 namespace {
-
-struct CredentialsTest : ::testing::Test {
-  void SetUp() override {
-    Settings.user = nullptr;
-    Settings.passphrase = nullptr;
-  }
-  std::string Run(const std::string& argument, int expected) {
-    StderrCapture err;
-    EXPECT_EQ(ReadCredentials(argument.c_str()), expected) << argument;
-    return err.Text();
-  }
-  std::string TempFile(const std::string& content) {
-    char name[] = "/tmp/vondral-cred-XXXXXX";
-    int fd = mkstemp(name);
-    EXPECT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-    close(fd);
-    return name;
-  }
-};
-
-TEST_F(CredentialsTest, HereKeepsEveryColonOfTheKeyAndIgnoresKeywordCase) {
-  Run("user:here:a:b", 0);
-  EXPECT_STREQ(Settings.user, "user");
-  EXPECT_STREQ(Settings.passphrase, "a:b");
-  Run("bob:HERE:x", 0);
-  EXPECT_STREQ(Settings.passphrase, "x");
-  Run(":here:x", 0);  // an empty user name is accepted here
-  EXPECT_STREQ(Settings.user, "");
-}
-
-TEST_F(CredentialsTest, EnvironmentForm) {
-  setenv("VONDRAL_TEST_PASS", "s3cret", 1);
-  Run("user:Env:VONDRAL_TEST_PASS", 0);
-  EXPECT_STREQ(Settings.passphrase, "s3cret");
-  unsetenv("VONDRAL_TEST_UNSET");
-  std::string err = Run("user:env:VONDRAL_TEST_UNSET", -1);
-  EXPECT_NE(err.find(": There is no environment variable named 'VONDRAL_TEST_UNSET'\n"),
-            std::string::npos);
-  EXPECT_EQ(Settings.user, nullptr);  // unset after a failure
-}
-
-TEST_F(CredentialsTest, BadFormsAreRefusedWithTheirMessages) {
-  EXPECT_NE(Run("user", -1).find(": Missing password in credentials\n"), std::string::npos);
-  EXPECT_NE(Run("user:ftp:x", -1).find(": bad where following user name\n"), std::string::npos);
-  EXPECT_EQ(Settings.user, nullptr);
-  EXPECT_NE(Run("user:fd:4x", -1).find(": Bad file descriptor '4x'\n"), std::string::npos);
-  std::string err = Run("user:file:/nonexistent/key", -1);
-  EXPECT_NE(err.find(": open(/nonexistent/key): No such file or directory\n"), std::string::npos);
-  err = Run("user:fd:987", -1);
-  EXPECT_NE(err.find(": read(987): Bad file descriptor\n"), std::string::npos);
-}
-
-TEST_F(CredentialsTest, DescriptorFormReadsTheFirstLineAndLeavesTheDescriptorOpen) {
-  int pipe_fds[2];
-  ASSERT_EQ(pipe(pipe_fds), 0);
-  ASSERT_EQ(write(pipe_fds[1], "pw\r\nsecond\n", 11), 11);
-  std::string err = Run("u:fd:" + std::to_string(pipe_fds[0]), 0);
-  EXPECT_STREQ(Settings.passphrase, "pw\r");  // the carriage return stays
-  EXPECT_EQ(err, "");
-  EXPECT_NE(fcntl(pipe_fds[0], F_GETFD), -1);
-  close(pipe_fds[0]);
-  // 0x form of the descriptor number
-  ASSERT_EQ(pipe(pipe_fds), 0);
-  ASSERT_EQ(write(pipe_fds[1], "z\n", 2), 2);
-  char hex[32];
-  snprintf(hex, sizeof hex, "u:fd:0x%x", pipe_fds[0]);
-  Run(hex, 0);
-  EXPECT_STREQ(Settings.passphrase, "z");
-  close(pipe_fds[0]);
-  close(pipe_fds[1]);
-}
-
-TEST_F(CredentialsTest, FileFormTruncationRules) {
-  std::string six = TempFile("abcdef");
-  std::string err = Run("u:file:" + six, 0);
-  EXPECT_STREQ(Settings.passphrase, "abcdef");
-  EXPECT_NE(err.find(": Passphrase truncated to 6 bytes\n"), std::string::npos);
-
-  std::string big = TempFile(std::string(5000, 'k'));
-  err = Run("u:file:" + big, 0);
-  EXPECT_EQ(std::string(Settings.passphrase), std::string(4095, 'k'));
-  EXPECT_NE(err.find(": Passphrase truncated to 4095 bytes\n"), std::string::npos);
-
-  std::string empty = TempFile("");
-  err = Run("u:FILE:" + empty, 0);
-  EXPECT_STREQ(Settings.passphrase, "");
-  EXPECT_NE(err.find(": Passphrase truncated to 0 bytes\n"), std::string::npos);
-
-  std::string lines = TempFile("first\nsecond\n");
-  err = Run("u:file:" + lines, 0);
-  EXPECT_STREQ(Settings.passphrase, "first");
-  EXPECT_EQ(err, "");
-  unlink(six.c_str());
-  unlink(big.c_str());
-  unlink(empty.c_str());
-  unlink(lines.c_str());
-}
 
 struct PathFileTest : ::testing::Test {
   FILE* file = nullptr;
@@ -332,116 +232,6 @@ TEST(CheckPathFile, ReportsEveryLineThatIsNoFullServerPathAndRewinds) {
             std::string(ProgramName) + ": read(" + name + "): " + strerror(EBADF) + "\n");
   fclose(unreadable);
   unlink(name);
-}
-
-TEST(Options, ShortOptionStringFollowsTheTable) {
-  char out[57];
-  BuildShortOptions(out, sizeof out);
-  EXPECT_STREQ(out, "b:c:C:d:e:hi:l:m:n:p:r:s:tv::w:x:z:");
-}
-
-// --- termination requests
-
-struct TerminationTest : ::testing::Test {
-  void TearDown() override { TerminationRequested = 0; }
-};
-
-TEST_F(TerminationTest, TheStatusIs128PlusTheSignalThatAskedFor143OtherWise) {
-  struct Case {
-    int requested;
-    int status;
-  };
-  const Case cases[] = {{SIGTERM, 143}, {SIGINT, 130}, {SIGHUP, 129},
-                        // Not one of the three: reported as SIGTERM.
-                        {0, 143}, {-1, 143}, {SIGKILL, 143}, {SIGUSR1, 143}, {SIGQUIT, 143}, {300, 143}};
-  for (const Case& c : cases) {
-    TerminationRequested = c.requested;
-    EXPECT_EQ(TerminationStatus(), c.status) << c.requested;
-  }
-}
-
-TEST_F(TerminationTest, TheGraceCountsFromTheRequestOrFromThisThreadsLastTransfer) {
-  // Each step runs in a thread of its own: the end of a transfer is noted
-  // per thread.
-  auto in_thread = [](auto body) { std::thread(body).join(); };
-  in_thread([] {
-    EXPECT_EQ(TerminationMsLeft(), -1);  // no request, no limit
-    NoteTransferEnded();
-    EXPECT_EQ(TerminationMsLeft(), -1);
-  });
-  // A request whose grace is over: nothing is left, until this thread ends
-  // a transfer, which gives it a grace of its own; other threads get none.
-  in_thread([] {
-    ASSERT_TRUE(RequestWithGraceOver(SIGTERM));
-    EXPECT_EQ(TerminationMsLeft(), 0);
-    NoteTransferEnded();
-    const int left = TerminationMsLeft();
-    EXPECT_GT(left, TerminationGraceMs - 200);
-    EXPECT_LE(left, TerminationGraceMs);
-  });
-  in_thread([] { EXPECT_EQ(TerminationMsLeft(), 0); });
-  // A new request: the grace counts from it, down.
-  in_thread([] {
-    RequestTermination(SIGINT);
-    EXPECT_EQ(TerminationRequested.load(), SIGINT);
-    const int first = TerminationMsLeft();
-    EXPECT_GT(first, TerminationGraceMs - 200);
-    EXPECT_LE(first, TerminationGraceMs);
-    usleep(300000);
-    const int later = TerminationMsLeft();
-    EXPECT_LE(later, first - 300);
-    EXPECT_GT(later, 0);
-  });
-  TerminationRequested = 0;
-  EXPECT_EQ(TerminationMsLeft(), -1);
-}
-
-// The signal thread's first request, in a child process; the exit status
-// says which check failed (7: none).
-int FirstRequest(int signal_number) {
-  if (TerminationWakeDescriptor() != -1) return 2;  // none before the thread
-  if (StartSignalThread() != 0) return 3;
-  struct pollfd wake = {TerminationWakeDescriptor(), POLLIN, 0};
-  if (wake.fd < 0 || poll(&wake, 1, 0) != 0) return 4;  // nothing to wake for yet
-  kill(getpid(), signal_number);
-  for (int i = 0; i < 1000 && !TerminationRequested.load(); i++) usleep(2000);
-  if (TerminationRequested.load() != signal_number) return 5;
-  if (TerminationStatus() != 128 + signal_number) return 6;
-  if (poll(&wake, 1, 1000) != 1) return 8;  // a waiting poll is woken
-  return 7;
-}
-
-TEST(SignalThread, EachTerminationSignalSetsTheFlagToItsNumberAndWakesWaits) {
-  // Runs in a child: blocking the signals must not leak into the test runner.
-  for (int signal_number : {SIGTERM, SIGINT, SIGHUP}) {
-    SCOPED_TRACE(strsignal(signal_number));
-    EXPECT_EXIT(_exit(FirstRequest(signal_number)), ::testing::ExitedWithCode(7), "");
-  }
-}
-
-TEST(SignalThread, ASecondRequestEndsTheProcessAtOnceWithItsOwnStatus) {
-  // An operator who asks twice will not wait for the grace: the process
-  // ends there and then, with the status of the second signal.
-  struct Case {
-    int first;
-    int second;
-  };
-  const Case cases[] = {{SIGTERM, SIGTERM}, {SIGINT, SIGHUP}, {SIGHUP, SIGINT}, {SIGTERM, SIGINT}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::to_string(c.first) + " then " + std::to_string(c.second));
-    EXPECT_EXIT(
-        {
-          if (StartSignalThread() != 0) _exit(2);
-          kill(getpid(), c.first);
-          for (int i = 0; i < 1000 && !TerminationRequested.load(); i++) usleep(2000);
-          if (TerminationRequested.load() != c.first) _exit(3);
-          kill(getpid(), c.second);
-          sleep(5);  // ended long before
-          _exit(7);
-        },
-        ::testing::ExitedWithCode(128 + c.second),
-        "second termination request \\(signal " + std::to_string(c.second) + "\\): ending at once");
-  }
 }
 
 }  // namespace
