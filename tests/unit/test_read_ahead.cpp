@@ -14,8 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "backup/backup.h"
-#include "restore/restore.h"
+#include "archive/reader.h"
 #include "net/socket.h"
 
 namespace {
