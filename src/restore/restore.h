@@ -7,15 +7,6 @@
 
 struct FtpSession;
 
-// Feeds one entry's data to STOR. Set up for every entry with calls 0 and
-// left equal to size.
-struct ArchiveReader {
-  int descriptor;
-  int calls;     // hand-overs so far
-  int64_t left;  // data bytes not yet delivered; negative once the padding was read
-  int64_t size;  // the entry's data size
-};
-
 // What a restore does with an entry, decided by its name alone (the name as
 // read back, without the ".savf" of a whole directory). The dispatch table
 // of the restore driver is the one place this rule lives; EntryKindOf asks
@@ -38,13 +29,3 @@ int PrepareRestore();
 // CTAR, a bad header, cut short). After a termination request it ends the
 // process with TerminationStatus() once the current entry is done.
 int RestoreArchive(FtpSession* session);
-
-// The send-direction DataCallback of STOR. Reads whole 512-byte blocks (the
-// entry's padding comes with its last data, which keeps the archive on a
-// block boundary) and hands over at most `left` bytes.
-int ArchiveReadCallback(void* reader, char* buffer, int* count);
-
-// Moves the archive past count bytes rounded up to whole blocks: a seek, or
-// on a pipe a read through a scratch page. A count of 0 or less skips
-// nothing. 0, or -1 when the archive ended first or could not be read.
-int SkipArchiveData(int descriptor, int64_t count);

@@ -14,11 +14,10 @@
 #include <string>
 #include <vector>
 
+#include "archive/reader.h"
 #include "backup/backup.h"
+#include "net/connection.h"
 #include "restore/restore.h"
-#include "net/command.h"
-#include "net/data_connection.h"
-#include "net/reply_reader.h"
 
 namespace {
 

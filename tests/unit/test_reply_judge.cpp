@@ -53,4 +53,32 @@ TEST(ReplyJudge, APartialSaveNeeds550AndBothPhrasesInOrder) {
   }
 }
 
+TEST(ReplyJudge, RestoreRepliesCountWhatWasRestoredAndOnlyTheFirstInitialLetterCounts) {
+  const struct { const char* text; int expected; } cases[] = {
+      // The count before "objects restored" or "libraries restored", in any case.
+      {"550 CPF3773 5 objects restored. 2 not restored.", 5}, {"550 12 OBJECTS RESTORED", 12},
+      {"550 7 libraries restored. 1 not", 7}, {"550 CPF3773   3 objects restored", 3},
+      {"550 010 objects restored", 8},          // base 0: a leading 0 is octal
+      {"550 -3 objects restored", 3},           // the walk back stops at the sign, which stays out
+      // Not a positive number followed by a blank: 0.
+      {"550 0x1A objects restored", 0},  // the walk back stops at 'x'
+      {"550 CPF9999 000 objects restored", 0}, {"550 0 objects restored", 0},
+      {"550 5objects restored", 0}, {"550 objects restored", 0}, {"objects restored", 0},
+      {"2505 objects restored", 0},  // the reply code is never part of the count
+      // Failures a restore tolerates.
+      {"250 Not all objects were restored", 1}, {"550 NOT ALL objects were restored", 1},
+      {"550 CPF3743 Save file SAVTEMP in QTEMP contains no data.", 1},
+      // A phrase behind an earlier occurrence of its initial letter is not seen.
+      {"550 CPF3773 See job log. 5 objects restored.", -1},  // the 'o' of "job"
+      {"550 Objects: 5 objects restored", -1}, {"550 all 3 libraries restored", -1},
+      {"550 CPF3779 Unknown. Not all objects were restored", -1},
+      {"550 Its Save file SAVTEMP contains no data", -1},
+      {"550 Save file SAVTEMP in QTEMP, check: contains no data", -1},  // 'c' after "Save file "
+      {"550 CPF3743 Save file SAVTEMP in QTEMP contains data that cannot be restored.", -1},
+      {"451 Simulator error", -1}, {"", -1},
+  };
+  for (const auto& c : cases) EXPECT_EQ(ClassifyRestoreReply(c.text), c.expected) << '"' << c.text << '"';
+  EXPECT_EQ(ClassifyRestoreReply(nullptr), -1);
+}
+
 }  // namespace

@@ -1,7 +1,6 @@
-// The restore side: judging restore replies, reading and skipping archive
-// data in whole blocks, and the commands the restore family sends (checked
-// against a scripted peer). Reads of large entries from a file opened for
-// direct I/O are in test_read_ahead.cpp.
+// The restore command family: judging restore replies, and the commands
+// each member sends (checked against a scripted peer) while it uploads an
+// entry read by the archive reader.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -15,6 +14,8 @@
 #include <vector>
 
 #include "fake_server.h"
+#include "restore_test_helpers.h"
+#include "archive/reader.h"
 #include "ftp/checkpoint.h"
 #include "ftp/data_command.h"
 #include "ftp/remote_listing.h"
@@ -23,7 +24,6 @@
 #include "ftp/transfer_settings.h"
 #include "restore/restore_commands.h"
 #include "backup/save_commands.h"
-#include "restore/restore.h"
 #include "support/log.h"
 #include "support/string_list.h"
 #include "support/sysio.h"
@@ -33,168 +33,6 @@
 #include "cli/settings.h"
 
 namespace {
-
-// Whether the log holds the message, with the "[<file>,<line>]: " prefix
-// the program's failure reports carry.
-::testing::AssertionResult Reported(const std::string& log, const char* file, const std::string& message) {
-  if (std::regex_search(log, std::regex(std::string(R"(\[)") + file + R"(\.cpp,\d+\]: )" + message)))
-    return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "no [" << file << ".cpp]: " << message << " in:\n" << log;
-}
-
-TEST(ClassifyRestoreReply, CountsTolerableFailuresAndOnlyTheFirstInitialLetter) {
-  const struct { const char* text; int expected; } cases[] = {
-      // The count before "objects restored" or "libraries restored", in any case.
-      {"550 CPF3773 5 objects restored. 2 not restored.", 5}, {"550 12 OBJECTS RESTORED", 12},
-      {"550 7 libraries restored. 1 not", 7}, {"550 CPF3773   3 objects restored", 3},
-      {"550 010 objects restored", 8},          // base 0: a leading 0 is octal
-      {"550 -3 objects restored", 3},           // the walk back stops at the sign, which stays out
-      // Not a positive number followed by a blank: 0.
-      {"550 0x1A objects restored", 0},  // the walk back stops at 'x'
-      {"550 CPF9999 000 objects restored", 0}, {"550 0 objects restored", 0},
-      {"550 5objects restored", 0}, {"550 objects restored", 0}, {"objects restored", 0},
-      {"2505 objects restored", 0},  // the reply code is never part of the count
-      // Failures a restore tolerates.
-      {"250 Not all objects were restored", 1}, {"550 NOT ALL objects were restored", 1},
-      {"550 CPF3743 Save file SAVTEMP in QTEMP contains no data.", 1},
-      // A phrase behind an earlier occurrence of its initial letter is not seen.
-      {"550 CPF3773 See job log. 5 objects restored.", -1},  // the 'o' of "job"
-      {"550 Objects: 5 objects restored", -1}, {"550 all 3 libraries restored", -1},
-      {"550 CPF3779 Unknown. Not all objects were restored", -1},
-      {"550 Its Save file SAVTEMP contains no data", -1},
-      {"550 Save file SAVTEMP in QTEMP, check: contains no data", -1},  // 'c' after "Save file "
-      {"550 CPF3743 Save file SAVTEMP in QTEMP contains data that cannot be restored.", -1},
-      {"451 Simulator error", -1}, {"", -1},
-  };
-  for (const auto& c : cases) EXPECT_EQ(ClassifyRestoreReply(c.text), c.expected) << '"' << c.text << '"';
-  EXPECT_EQ(ClassifyRestoreReply(nullptr), -1);
-}
-
-// --- reading and skipping archive data
-
-// Distinct bytes, so that a read from the wrong place shows.
-std::string Pattern(size_t length, int seed) {
-  std::string out(length, '\0');
-  for (size_t i = 0; i < length; i++) out[i] = static_cast<char>((i * 7 + seed * 13 + i / 251) & 0xFF);
-  return out;
-}
-
-std::string Padded(const std::string& data) {
-  return data + std::string((512 - data.size() % 512) % 512, '\0');
-}
-
-// One archive entry's data on file, padded to whole blocks, and a reader at
-// its start.
-struct EntryData {
-  std::string data;
-  FILE* file = tmpfile();
-  ArchiveReader reader;
-  explicit EntryData(size_t size, int seed = 9)
-      : data(Pattern(size, seed)),
-        reader{fileno(file), 0, static_cast<int64_t>(size), static_cast<int64_t>(size)} {
-    const std::string padded = Padded(data);
-    fwrite(padded.data(), 1, padded.size(), file);
-    fflush(file);
-    rewind(file);
-  }
-  ~EntryData() { fclose(file); }
-  off_t position() const { return lseek(reader.descriptor, 0, SEEK_CUR); }
-};
-
-// Standard input as a restore reads it: the content written in pieces of
-// `piece` bytes, a millisecond apart, from a thread, then the end closed.
-struct Pipe {
-  int ends[2] = {-1, -1};
-  std::thread writer;
-  Pipe(const std::string& content, size_t piece) {
-    EXPECT_EQ(pipe(ends), 0);
-    writer = std::thread([this, content, piece] {
-      for (size_t at = 0; at < content.size(); at += piece) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        const size_t length = std::min(piece, content.size() - at);
-        if (write(ends[1], content.data() + at, length) != static_cast<ssize_t>(length)) break;
-      }
-      close(ends[1]);
-    });
-  }
-  ~Pipe() {
-    writer.join();
-    close(ends[0]);
-  }
-  int reader() const { return ends[0]; }
-};
-
-// An entry's data, its padding, a skipped entry and the next header, as a
-// pipe delivers them in odd pieces: the read gathers whole blocks, the skip
-// reads through (a pipe cannot seek) without a word, and the next header is
-// where it should be.
-TEST(ArchiveData, APipeIsReadAndSkippedInWholeBlocksGatheredFromPieces) {
-  const std::string data = Pattern(600, 7), skipped = Pattern(700 + 2 * 4096 + 1, 8), next = Pattern(512, 9);
-  Pipe pipe(Padded(data) + Padded(skipped.substr(0, 700)) + Padded(skipped.substr(700)) + next, 300);
-  ArchiveReader reader{pipe.reader(), 0, 600, 600};
-  std::string buffer(TransferBufferSize, '\0');
-  int count = TransferBufferSize;
-  StderrCapture err;
-  ASSERT_EQ(ArchiveReadCallback(&reader, buffer.data(), &count), 0);
-  EXPECT_EQ(count, 600);
-  EXPECT_EQ(buffer.substr(0, 600), data);
-  EXPECT_EQ(SkipArchiveData(pipe.reader(), reader.left), 0);  // the padding was read already
-  EXPECT_EQ(SkipArchiveData(pipe.reader(), 700), 0);           // rounded to 1024
-  EXPECT_EQ(SkipArchiveData(pipe.reader(), 2 * 4096 + 1), 0);  // more than a page
-  std::string header(512, '\0');
-  for (ssize_t got = 0, n; got < 512 && (n = read(pipe.reader(), &header[got], 512 - got)) > 0;) got += n;
-  EXPECT_EQ(header, next);
-  EXPECT_EQ(err.Text(), "");
-}
-
-TEST(ArchiveData, ReadsNeverTakeMoreWholeBlocksThanTheBufferHolds) {
-  EntryData entry(3000, 5);
-  ArchiveReader& reader = entry.reader;
-  std::string buffer(TransferBufferSize, '\0'), sent;
-  std::vector<int> counts;
-  for (;;) {
-    int count = 1300;  // room for two whole blocks
-    ASSERT_EQ(ArchiveReadCallback(&reader, buffer.data(), &count), 0);
-    if (count == 0) break;  // end of data, which is no hand-over
-    counts.push_back(count);
-    sent.append(buffer.data(), static_cast<size_t>(count));
-  }
-  EXPECT_EQ(counts, (std::vector<int>{1024, 1024, 952}));
-  EXPECT_EQ(sent, entry.data);
-  EXPECT_EQ(reader.left, -72);  // the padding was read, not handed over
-  EXPECT_EQ(reader.calls, 3);
-  EXPECT_EQ(entry.position(), 3072);  // where the next header starts
-  // What an upload leaves over after reading the padding skips nothing.
-  for (int64_t left : {reader.left, int64_t{0}, int64_t{-511}})
-    EXPECT_EQ(SkipArchiveData(reader.descriptor, left), 0);
-  EXPECT_EQ(entry.position(), 3072);
-}
-
-TEST(ArchiveData, FailuresAreReportedAndEndTheEntry) {
-  std::string buffer(TransferBufferSize, '\0');
-  StderrCapture err;
-  int count = TransferBufferSize;
-  EXPECT_EQ(ArchiveReadCallback(nullptr, buffer.data(), &count), -1);
-  ArchiveReader broken{-1, 0, 100, 100};
-  count = 511;  // not even one whole block fits
-  EXPECT_EQ(ArchiveReadCallback(&broken, buffer.data(), &count), -1);
-  EXPECT_TRUE(Reported(err.Text(), "restore", R"(bad argument\n[^\n]*\[restore\.cpp,\d+\]: bad argument\n$)"));
-  count = TransferBufferSize;
-  EXPECT_EQ(ArchiveReadCallback(&broken, buffer.data(), &count), -1);
-  EXPECT_TRUE(Reported(err.Text(), "restore", R"(read\(-,, 512\): Bad file descriptor\n)"));
-  EXPECT_EQ(broken.left, 100);  // nothing counted as delivered
-  EXPECT_EQ(broken.calls, 0);
-
-  EXPECT_EQ(SkipArchiveData(-1, 100), -1);
-  const std::string text = err.Text();
-  EXPECT_TRUE(Reported(text, "restore", R"(lseek64\(, 0x200,, SEEK_CUR\): Bad file descriptor\n)"));
-  EXPECT_TRUE(Reported(text, "restore", R"(read\(list, 512\): Bad file descriptor\n)"));
-  EXPECT_TRUE(Reported(text, "restore", "didn't finish consuming 0x200 bytes"));
-  // An archive that ends inside the data to be skipped.
-  Pipe pipe(std::string(1000, 'x'), 1000);
-  EXPECT_EQ(SkipArchiveData(pipe.reader(), 2048), -1);
-  EXPECT_TRUE(Reported(err.Text(), "restore", R"(didn't finish consuming 0x418 bytes\n)"));
-}
 
 // --- the restore family against a scripted peer
 

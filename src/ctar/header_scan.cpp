@@ -1,0 +1,74 @@
+// Judging header blocks at any offset of a seekable archive and scanning
+// for the entry headers that lie hidden behind a damaged place.
+#include "ctar/header_scan.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "ctar/progress.h"
+
+namespace ctar {
+
+int JudgeAt(const Archive& archive, uint64_t offset, uint64_t* size, char* name,
+            size_t name_size, unsigned char* block) {
+  if (offset + Block > archive.size) return JudgeBeyondEnd;
+  ssize_t got = ReadArchiveAt(archive, block, Block, offset);
+  if (got < 0) return JudgeReadFailed;
+  if (static_cast<uint64_t>(got) < Block) return JudgeBeyondEnd;
+  return ReadCtarHeader(block, size, name, name_size);
+}
+
+namespace {
+
+// Whether a block is an entry header as the backup writes them: the reader
+// accepts it and every field it ignores holds what the writer puts there.
+// Save-file data can hold blocks whose checksum holds (the header of a tar
+// member, for one); these fields tell them apart.
+bool GenuineEntry(const unsigned char* block, uint64_t* size) {
+  return ReadCtarHeader(block, size, nullptr, 0) == CtarEntry && !CtarHeaderOddity(block);
+}
+
+// Whether a genuine entry header at offset, with this data size, fits the
+// archive: its data lies inside the file and behind it comes another genuine
+// header, the sentinel, or the end of the file. 1 yes, 0 no, -1 read error.
+int ChainHolds(const Archive& archive, uint64_t offset, uint64_t size) {
+  if (size > static_cast<uint64_t>(INT64_MAX)) return 0;
+  const uint64_t next = offset + Block + CtarPaddedSize(size);
+  if (next > archive.size) return 0;
+  if (next == archive.size) return 1;
+  unsigned char block[CtarBlockSize];
+  uint64_t ignored = 0;
+  int judged = JudgeAt(archive, next, &ignored, nullptr, 0, block);
+  if (judged == JudgeReadFailed) return -1;
+  return judged == CtarEnd || (judged == CtarEntry && !CtarHeaderOddity(block)) ? 1 : 0;
+}
+
+}  // namespace
+
+int ScanForHeader(const Archive& archive, uint64_t from, uint64_t* found) {
+  static std::vector<unsigned char> buffer(ChunkSize);
+  uint64_t at = from;
+  while (at + Block <= archive.size) {
+    size_t want = static_cast<size_t>(std::min<uint64_t>(buffer.size(),
+                                                         (archive.size - at) / Block * Block));
+    ssize_t got = ReadArchiveAt(archive, buffer.data(), want, at);
+    if (got < 0) return -1;
+    if (static_cast<uint64_t>(got) < Block) break;  // the file shrank under us
+    const size_t whole = static_cast<size_t>(got) / Block * Block;
+    for (size_t i = 0; i < whole; i += Block) {
+      uint64_t size = 0;
+      if (!GenuineEntry(buffer.data() + i, &size)) continue;
+      int holds = ChainHolds(archive, at + i, size);
+      if (holds < 0) return -1;
+      if (holds > 0) {
+        *found = at + i;
+        return 0;
+      }
+    }
+    at += whole;
+    CurrentProgress.Update(at);
+  }
+  return 1;
+}
+
+}  // namespace ctar
