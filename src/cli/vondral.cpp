@@ -18,7 +18,8 @@
 #include <cstring>
 #include <algorithm>
 
-#include "backup/backup.h"
+#include "archive/archive_file.h"
+#include "backup/driver.h"
 #include "ftp/session.h"
 #include "restore/restore.h"
 

@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "backup/backup.h"
+#include "backup/object_tree.h"
 #include "support/log.h"
 #include "support/string_list.h"
 #include "support/sysio.h"
@@ -322,7 +322,7 @@ int ListFailed(const char* reply, ObjectNode* directory) {
       if (parent) {
         AppendFile(parent, directory->name, directory->mode, directory->size, directory->mtime);
         MarkPartial(parent);
-        ReleaseName(directory);
+        SkipInWalk(directory);
       } else {
         bool present = false;
         for (ObjectNode* d = directory->first_dir; d && !present; d = d->next)

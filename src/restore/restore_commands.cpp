@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "backup/backup.h"
 #include "ftp/session.h"
 #include "restore/restore_commands.h"
 #include "support/log.h"

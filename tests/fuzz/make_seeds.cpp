@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "backup/backup.h"
+#include "archive/ctar_format.h"
 #include "ftp/session.h"
 #include "net/socket.h"
 

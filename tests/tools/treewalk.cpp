@@ -14,7 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "backup/backup.h"
+#include "backup/include_list.h"
+#include "backup/listing_walk.h"
 #include "ftp/session.h"
 #include "cli/vondral.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "backup/backup.h"
+#include "archive/ctar_format.h"
 #include "test_helpers.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "backup/backup.h"
+#include "archive/writer.h"
 #include "fake_server.h"
 #include "ftp/session.h"
 #include "test_helpers.h"

@@ -88,7 +88,7 @@ inline bool RequestWithGraceOver(int signal_number) {
 #include <thread>
 #include <vector>
 
-#include "backup/backup.h"
+#include "archive/writer.h"
 #include "ftp/session.h"
 
 // A temporary archive file, removed with the object.

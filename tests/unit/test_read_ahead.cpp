@@ -14,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "backup/backup.h"
 #include "restore/restore.h"
 #include "net/socket.h"
 

@@ -17,10 +17,13 @@
 #include <thread>
 #include <vector>
 
-#include "backup/backup.h"
+#include "archive/archive_file.h"
+#include "archive/writer.h"
+#include "backup/object_tree.h"
+#include "backup/save_commands.h"
+#include "backup/workers.h"
 #include "fake_server.h"
 #include "ftp/session.h"
-#include "backup/save_commands.h"
 #include "support/log.h"
 #include "support/string_list.h"
 #include "support/sysio.h"
@@ -583,7 +586,7 @@ TEST_F(SaveTest, ProcessObjectReportsAFailedObjectAndListsIt) {
   }
 }
 
-// --- counting in a block
+// --- counting in a kind tree
 
 TEST_F(SaveTest, FailedUnitsAddUpAndAFailedEmptyDirectoryCountsAsOne) {
   struct Unit {
@@ -627,12 +630,12 @@ TEST_F(SaveTest, FailedUnitsAddUpAndAFailedEmptyDirectoryCountsAsOne) {
     const int saved_descriptor = ArchiveDescriptor;
     ArchiveDescriptor = archive.fd;
     BackupTotals totals{};
-    totals.attempted = 99;  // a block counts from zero
+    totals.attempted = 99;  // a kind tree counts from zero
     totals.failed = 99;
     {
       StdoutCapture out;
       StderrCapture err;
-      EXPECT_EQ(SaveBlock(session, tree, 4, &totals), 0);
+      EXPECT_EQ(SaveKindTree(session, tree, 4, &totals), 0);
     }
     ArchiveDescriptor = saved_descriptor;
     FreeTree(tree);
