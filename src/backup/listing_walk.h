@@ -45,7 +45,9 @@ int ListingCallback(void* context, char* data, int* length);
 // too. Lines that failed are reported and counted in ParseErrors. Their
 // number, or -1 when the listing itself failed (the caller reports it).
 int ListInto(FtpSession* session, const char* path, ObjectNode* dir, ListingContext* context);
-// Lists dir and every directory below it, depth first. path holds dir's
-// parent's path and is cut back to it on return. The sum of parse errors,
-// or -1 when dir's own listing failed.
+// Lists dir and every directory below it, depth first. path (a buffer of
+// PathBufferSize) holds dir's parent's path; dir's name is appended to it,
+// and what the walk below adds is cut back, so on return it holds dir's
+// path (the caller cuts it back to its own). The sum of parse errors, or
+// -1 when dir's own listing failed.
 int WalkDirectory(FtpSession* session, ObjectNode* dir, char* path, ListingContext* context);

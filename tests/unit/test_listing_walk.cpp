@@ -7,9 +7,13 @@
 
 #include <cstring>
 #include <ctime>
+#include <regex>
 #include <string>
+#include <map>
 #include <vector>
 
+#include "fake_server.h"
+#include "ftp/session.h"
 #include "listing_test_helpers.h"
 #include "test_helpers.h"
 
@@ -187,6 +191,104 @@ TEST_F(ListingWalkTest, ALastLineWithoutLineEndIsParsedLikeAnyOther) {
     EXPECT_EQ(FileNames(dir), c.files);
     EXPECT_EQ(Feed(first), 0);
     EXPECT_EQ(FileNames(dir), c.files + "/first|");
+  }
+}
+
+// --- the walk against a peer
+
+// Serves LIST from a table of listings; a path missing from it is refused
+// with `refusal`.
+struct ListingPeer {
+  std::map<std::string, std::string> listings;
+  std::string refusal = "550 CPF3CAA List of directory not allowed.";
+  PeerScript Script() {
+    return LoginScript([this](PeerConnection& c, const std::string& command) {
+      if (command == "PASV") {
+        c.Reply(c.PassiveReply());
+        return true;
+      }
+      if (command.rfind("LIST ", 0) != 0) {
+        c.Reply("200 OK\r\n");
+        return true;
+      }
+      int fd = c.AcceptData();
+      auto found = listings.find(command.substr(5));
+      if (found == listings.end()) {
+        if (fd >= 0) close(fd);
+        c.Reply(refusal + "\r\n");
+        return true;
+      }
+      c.Reply("125 List started.\r\n");
+      SendAll(fd, found->second);
+      if (fd >= 0) close(fd);
+      c.Reply("250 List completed.\r\n");
+      return true;
+    });
+  }
+};
+
+TEST_F(ListingWalkTest, TheWalkListsEveryDirectoryDepthFirstAndSumsTheParseErrors) {
+  const std::string dir_line = "drwxr-xr-x   2 QSYS 0 8192 Mar  5  2009 ";
+  const std::string file_line = "-rw-r--r--   1 QSYS 0 3 Jan  2  2009 ";
+  struct Case {
+    const char* what;
+    std::map<std::string, std::string> listings;
+    std::string refusal;
+    int result;
+    uint64_t listings_made;
+    uint64_t parse_errors;
+    std::string files;        // of /home
+    std::string deeper;       // the files of /home/a
+    const char* message;      // on standard error
+  };
+  const Case cases[] = {
+      {"a directory below, a refused one and a garbage line",
+       {{"/home", dir_line + "a\r\n" + file_line + "f\r\n" + dir_line + "locked\r\ngarbage\r\n"},
+        {"/home/a", file_line + "g\r\n" + file_line + "h"}},
+       "550 CPF3CAA List of directory not allowed.", 1, 3, 1, "/f|/locked|", "/g|/h|",
+       R"(\]: 1 parse errors in directory /home\n)"},
+      {"a parse error below counts too",
+       {{"/home", dir_line + "a\r\n"}, {"/home/a", "garbage\r\n" + file_line + "g\r\n"}},
+       "550 CPF3CAA List of directory not allowed.", 1, 2, 1, "", "/g|",
+       R"(\]: 1 parse errors in directory /home/a\n)"},
+      {"the walked directory's own listing fails", {}, "550 CPF9999 Something else.", -1, 1, 0, "", "",
+       R"(\]: list failed\n/home\n)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    TearDown();
+    SetUp();
+    ListingPeer peer;
+    peer.listings = c.listings;
+    peer.refusal = c.refusal;
+    FakeFtpServer server(peer.Script());
+    FtpSession* session = NewSessionTo(server.address());
+    ASSERT_NE(session, nullptr);
+    ASSERT_EQ(Login(session, "u", "p"), 0);
+    const uint64_t calls = ListCalls, errors = ParseErrors;
+    // As the include list walks: the path being listed is the context's.
+    char* path = context->path;
+    path[0] = '\0';
+    StderrCapture err;
+    EXPECT_EQ(WalkDirectory(session, dir, path, context.get()), c.result);
+    EXPECT_STREQ(path, "/home");  // what the walk below added is cut back
+    EXPECT_EQ(ListCalls - calls, c.listings_made);
+    EXPECT_EQ(ParseErrors - errors, c.parse_errors);
+    EXPECT_TRUE(std::regex_search(err.Text(), std::regex(c.message))) << err.Text();
+    EXPECT_EQ(FileNames(dir), c.files);
+    if (!c.deeper.empty()) {
+      ASSERT_NE(dir->first_dir, nullptr);
+      EXPECT_STREQ(dir->first_dir->name, "/a");
+      EXPECT_EQ(FileNames(dir->first_dir), c.deeper);
+    }
+    // A directory the server would not list is kept whole in its parent
+    // and passed by.
+    if (c.files.find("/locked|") != std::string::npos) {
+      ASSERT_NE(dir->last_dir, nullptr);
+      EXPECT_EQ(dir->last_dir->name, nullptr);
+      EXPECT_EQ(dir->partial, 1);
+    }
+    Quit(session);
   }
 }
 
