@@ -8,7 +8,9 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <mutex>
 
 #include "archive/ctar_format.h"
@@ -86,8 +88,8 @@ ssize_t WriteGatheredBlock(const ArchiveWriter* writer);
 // WriteGatheredBlock gave. A macro, so that the message names the module
 // of the file that reports it: the writer and the closing of an entry
 // report as different modules.
-#define VFAIL_GATHERED_BLOCK(written)                \
-  ((written) < 0 ? VFAIL("write(): %s\n", strerror(errno)) \
+#define VFAIL_GATHERED_BLOCK(written)                       \
+  ((written) < 0 ? VFAIL("write(): %s\n", strerror(errno))  \
                  : VFAIL("write(,, %d) = %d\n", static_cast<int>(CtarBlockSize), static_cast<int>(written)))
 // Writes an end block at the descriptor's file position: true when all of
 // it went out (errno tells why not otherwise).
