@@ -35,8 +35,8 @@ GENERATOR = r"""
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include "backup.h"
-#include "support.h"
+#include "archive/ctar_format.h"
+#include "support/text.h"
 
 int main(int argc, char** argv) {
   if (argc != 4) return 2;
@@ -75,7 +75,7 @@ def build_generator(work):
     source = work / "ctar_gen.cpp"
     source.write_text(GENERATOR)
     binary = work / "ctar_gen"
-    subprocess.run(["g++", "-std=c++20", "-O2", "-I", str(REPO / "include"), str(source),
+    subprocess.run(["g++", "-std=c++20", "-O2", "-I", str(REPO / "src"), str(source),
                     str(library), "-lpthread", "-o", str(binary)], check=True)
     return binary
 

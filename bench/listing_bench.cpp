@@ -14,7 +14,7 @@
 #include <ctime>
 #include <string>
 
-#include "backup/backup.h"
+#include "backup/listing_walk.h"
 #include "support/log.h"
 #include "support/string_list.h"
 #include "support/sysio.h"

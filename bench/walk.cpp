@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "backup/backup.h"
+#include "backup/backup_list.h"
+#include "backup/include_list.h"
+#include "backup/listing_walk.h"
 #include "ftp/remote_listing.h"
 #include "ftp/session.h"
 #include "cli/settings.h"

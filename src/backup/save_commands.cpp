@@ -13,13 +13,16 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "backup/backup.h"
+#include "archive/entry_close.h"
+#include "archive/writer.h"
+#include "backup/object_tree.h"
 #include "ftp/checkpoint.h"
 #include "ftp/data_command.h"
 #include "ftp/reply_judge.h"
 #include "ftp/session.h"
 #include "ftp/transfer_settings.h"
 #include "backup/save_commands.h"
+#include "ftp/session.h"
 #include "support/log.h"
 #include "support/string_list.h"
 #include "support/sysio.h"
@@ -44,54 +47,6 @@ namespace {
 double Elapsed(const struct timeval& from, const struct timeval& to) {
   return static_cast<double>(to.tv_sec - from.tv_sec) +
          static_cast<double>(to.tv_usec - from.tv_usec) / 1000000;
-}
-
-// Closes the entry whose data the retrieval has written behind the old end
-// block: the last block padded with zeros, a new end block behind it, and
-// the header over the old end block. Nothing of it counts until the header
-// is in place; a write that fails leaves the cut-back to the guard. 0, or
-// -1 after a message.
-int CloseEntry(ArchiveAppend* append, const ObjectFile* object) {
-  ArchiveWriter* writer = append->Writer();
-  const int descriptor = writer->descriptor;
-  if (writer->pending > 0) {
-    memset(writer->block + writer->pending, 0, CtarBlockSize - static_cast<size_t>(writer->pending));
-    ssize_t written = WriteFull(descriptor, writer->block, CtarBlockSize);
-    if (written != static_cast<ssize_t>(CtarBlockSize)) {
-      if (written < 0)
-        VFAIL("write(): %s\n", strerror(errno));
-      else
-        VFAIL("write(,, %d) = %d\n", static_cast<int>(CtarBlockSize), static_cast<int>(written));
-      return -1;
-    }
-    writer->bytes += writer->pending;
-    writer->pending = 0;
-  }
-  if (writer->bytes <= 0) {
-    // A save file is never empty: whatever the server said, there is
-    // nothing here that a restore could bring back.
-    LogMessage("Block returned no data\n");
-    return -1;
-  }
-  unsigned char block[CtarBlockSize];
-  if (WriteFull(descriptor, BuildCtarSentinel(block), CtarBlockSize) != static_cast<ssize_t>(CtarBlockSize)) {
-    VFAIL("CTAR sentinel failed write(): %s\n", strerror(errno));
-    return -1;
-  }
-  BuildCtarHeader(block, object->name, static_cast<uint64_t>(writer->bytes), object->mode, object->mtime);
-  size_t written = 0;
-  ssize_t result =
-      PwriteFull(descriptor, block, CtarBlockSize, append->Start() - static_cast<off64_t>(CtarBlockSize), &written);
-  // Only a header that went out in part spoils the old end block; one that
-  // did not go out at all leaves it as it was, with nothing to write back
-  // on a disk that may be full.
-  if (written > 0 && written < CtarBlockSize) append->TouchEndBlock();
-  if (result != static_cast<ssize_t>(CtarBlockSize)) {
-    VFAIL("CTAR header failed to update: %s\n", strerror(errno));
-    return -1;
-  }
-  append->Commit();
-  return 0;
 }
 
 // What a failed save reply means for the object.

@@ -10,7 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "backup/backup.h"
+#include "archive/archive_file.h"
+#include "backup/driver.h"
 #include "cli/list_mode.h"
 #include "cli/options.h"
 #include "cli/settings.h"

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "backup/backup.h"
+#include "backup/object_tree.h"
 #include "ftp/checkpoint.h"
 #include "ftp/data_command.h"
 #include "ftp/reply_judge.h"
@@ -43,7 +43,7 @@ void KeepDirectoryAsObject(ObjectNode* directory, const char* name) {
   if (parent) {
     AppendFile(parent, directory->name, directory->mode, directory->size, directory->mtime);
     MarkPartial(parent);
-    ReleaseName(directory);
+    SkipInWalk(directory);
     return;
   }
   bool present = false;

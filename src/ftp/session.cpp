@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "backup/object_tree.h"
 #include "ftp/checkpoint.h"
 #include "ftp/reply_judge.h"
 #include "net/command.h"

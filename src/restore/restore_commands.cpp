@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "backup/backup.h"
 #include "ftp/checkpoint.h"
 #include "ftp/data_command.h"
 #include "ftp/reply_judge.h"

@@ -15,7 +15,7 @@
 #include <ctime>
 #include <string>
 
-#include "backup/backup.h"
+#include "backup/listing_walk.h"
 
 namespace listing_reference {
 

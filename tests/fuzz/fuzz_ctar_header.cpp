@@ -12,7 +12,7 @@
 #include <ctime>
 #include <string>
 
-#include "backup/backup.h"
+#include "archive/ctar_format.h"
 #include "fuzz_common.h"
 
 namespace {

@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "../common/listing_reference.h"
-#include "backup/backup.h"
+#include "backup/listing_walk.h"
 #include "fuzz_common.h"
 #include "cli/settings.h"
 #include "support/text.h"

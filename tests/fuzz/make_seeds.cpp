@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "backup/backup.h"
+#include "archive/ctar_format.h"
 #include "ftp/checkpoint.h"
 #include "ftp/data_command.h"
 #include "ftp/remote_listing.h"

@@ -14,7 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "backup/backup.h"
+#include "backup/include_list.h"
+#include "backup/listing_walk.h"
 #include "ftp/checkpoint.h"
 #include "ftp/data_command.h"
 #include "ftp/remote_listing.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "backup/backup.h"
+#include "archive/writer.h"
 #include "fake_server.h"
 #include "ftp/checkpoint.h"
 #include "ftp/data_command.h"

@@ -88,11 +88,11 @@ inline bool RequestWithGraceOver(int signal_number) {
 #include <thread>
 #include <vector>
 
-#include "backup/backup.h"
 #include "ftp/checkpoint.h"
 #include "ftp/data_command.h"
 #include "ftp/remote_listing.h"
 #include "ftp/reply_judge.h"
+#include "archive/writer.h"
 #include "ftp/session.h"
 #include "ftp/transfer_settings.h"
 

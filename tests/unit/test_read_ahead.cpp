@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "archive/reader.h"
-#include "backup/backup.h"
 #include "net/connection.h"
 #include "restore/restore.h"
 

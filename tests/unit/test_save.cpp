@@ -17,7 +17,11 @@
 #include <thread>
 #include <vector>
 
-#include "backup/backup.h"
+#include "archive/archive_file.h"
+#include "archive/writer.h"
+#include "backup/object_tree.h"
+#include "backup/save_commands.h"
+#include "backup/workers.h"
 #include "fake_server.h"
 #include "ftp/checkpoint.h"
 #include "ftp/data_command.h"
@@ -588,7 +592,7 @@ TEST_F(SaveTest, ProcessObjectReportsAFailedObjectAndListsIt) {
   }
 }
 
-// --- counting in a block
+// --- counting in a kind tree
 
 TEST_F(SaveTest, FailedUnitsAddUpAndAFailedEmptyDirectoryCountsAsOne) {
   struct Unit {
@@ -632,12 +636,12 @@ TEST_F(SaveTest, FailedUnitsAddUpAndAFailedEmptyDirectoryCountsAsOne) {
     const int saved_descriptor = ArchiveDescriptor;
     ArchiveDescriptor = archive.fd;
     BackupTotals totals{};
-    totals.attempted = 99;  // a block counts from zero
+    totals.attempted = 99;  // a kind tree counts from zero
     totals.failed = 99;
     {
       StdoutCapture out;
       StderrCapture err;
-      EXPECT_EQ(SaveBlock(session, tree, 4, &totals), 0);
+      EXPECT_EQ(SaveKindTree(session, tree, 4, &totals), 0);
     }
     ArchiveDescriptor = saved_descriptor;
     FreeTree(tree);

@@ -1,43 +1,16 @@
-// Object tree: classification, roll-up, adoption into per-kind trees and the
-// freeing rules that keep the source tree alive, catalog order, tree text.
+// Object tree: roll-up, paths, adoption into per-kind trees and the
+// freeing rules that keep the source tree alive, tree text.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "backup/backup.h"
+#include "backup/object_tree.h"
+#include "object_tree_helpers.h"
 #include "test_helpers.h"
 #include "cli/settings.h"
 
 namespace {
-
-const struct tm NoTime{};
-
-ObjectNode* NewRoot(const char* name = "") { return NewDirectoryNode(nullptr, name, 0, 0, NoTime); }
-
-std::vector<std::string> FileNames(const ObjectNode* dir) {
-  std::vector<std::string> names;
-  for (const ObjectFile* f = dir->first_file; f; f = f->next) names.push_back(f->name);
-  return names;
-}
-
-std::string Dump(const ObjectNode* dir, bool full) {
-  CapturedStream out;
-  EXPECT_EQ(DumpTree(out.stream, dir, full), 0);
-  return out.Text();
-}
-
-TEST(TreeClassify, PathsFallIntoTheirKindsByExactRules) {
-  EXPECT_EQ(ObjectKindCount(), 4);
-  EXPECT_EQ(ClassifyPath("/Security Data"), OBJECT_KIND_SYSTEM);
-  EXPECT_EQ(ClassifyPath("/System Configuration"), OBJECT_KIND_SYSTEM);
-  EXPECT_EQ(ClassifyPath("/Security Data/x"), OBJECT_KIND_IFS);
-  EXPECT_EQ(ClassifyPath("/QDLS"), OBJECT_KIND_QDLS);
-  EXPECT_EQ(ClassifyPath("/QDLS/FOLDER"), OBJECT_KIND_IFS);
-  EXPECT_EQ(ClassifyPath("/QSYS.LIB/A.LIB"), OBJECT_KIND_LIBRARY);
-  EXPECT_EQ(ClassifyPath("/QSYS.LIB"), OBJECT_KIND_IFS);
-  EXPECT_EQ(ClassifyPath("/qsys.lib/A.LIB"), OBJECT_KIND_IFS);
-}
 
 TEST(TreeRollUp, SizesAndCountsReachEveryAncestorButNoSibling) {
   ObjectNode* root = NewRoot();
@@ -83,10 +56,6 @@ TEST(TreePaths, PathsConcatenateNamesAndAreCutToTheBuffer) {
   char small[9];
   EXPECT_EQ(FilePath(file, false, small, sizeof small), 20u);  // >= capacity: cut
   EXPECT_STREQ(small, "/home/us");
-
-  CapturedStream out;
-  EXPECT_EQ(PrintFilePath(out.stream, file), 0);
-  EXPECT_EQ(out.Text(), "/home/user/notes.txt\n");  // catalog lines carry no log prefix
   FreeTree(root);
 }
 
@@ -118,7 +87,7 @@ TEST(TreeAdopt, CopiesCarryFullPathsCountsAndTheBorrowedFlag) {
   EXPECT_EQ(copy->first_file, src.a->first_file);
   EXPECT_EQ(kind->size, 100u);
   EXPECT_EQ(kind->count, 3u);
-  ReleaseName(copy);  // a borrowed node keeps its name
+  SkipInWalk(copy);  // a borrowed node keeps its name
   EXPECT_STREQ(copy->name, "/home/a");
   EXPECT_EQ(Dump(copy, true), "/home/a/deep/z\n/home/a/x\n/home/a/y\n");
 
@@ -157,40 +126,15 @@ TEST(TreeFree, ABorrowedFileEndsTheFreeingOfItsList) {
   FreeFileList(third);
 }
 
-TEST(TreeDump, SubdirectoryFilesComeBeforeTheDirectorysOwnFiles) {
-  ObjectNode* root = NewRoot();
-  ObjectNode* d = AppendDirectory(root, "/D", 0, 0, NoTime);
-  AppendFile(d, "/f", 0, 0, NoTime);
-  ObjectNode* s = AppendDirectory(d, "/S", 0, 0, NoTime);
-  AppendFile(s, "/g", 0, 0, NoTime);
-  AppendFile(d, "/h", 0, 0, NoTime);
-  ObjectNode* t = AppendDirectory(d, "/T", 0, 0, NoTime);
-  AppendFile(t, "/i", 0, 0, NoTime);
-  EXPECT_EQ(Dump(d, true), "/D/S/g\n/D/T/i\n/D/f\n/D/h\n");
-  EXPECT_EQ(Dump(s, true), "/D/S/g\n");
-  // Without full the paths start at the directory's own name.
-  ObjectNode* top = NewRoot("/top");
-  AppendFile(AppendDirectory(top, "/mid", 0, 0, NoTime), "/m", 0, 0, NoTime);
-  EXPECT_EQ(Dump(top->first_dir, false), "/mid/m\n");
-  FreeTree(top);
-  FreeTree(root);
-}
-
-TEST(TreeDump, PathsLongerThanTheFirstBufferStayWhole) {
-  // A starting path of about 1450 characters and 1600 more below it.
-  ObjectNode* root = NewRoot();
-  ObjectNode* dir = root;
-  std::string path;
-  ObjectNode* start = nullptr;
-  for (int i = 0; i < 16; i++) {
-    std::string name = "/" + std::string(i < 8 ? 180 : 200, static_cast<char>('a' + i));
-    dir = AppendDirectory(dir, name.c_str(), 0, 0, NoTime);
-    path += name;
-    if (i == 7) start = dir;
-  }
-  AppendFile(dir, "/leaf", 0, 0, NoTime);
-  AppendFile(start, "/top", 0, 0, NoTime);
-  EXPECT_EQ(Dump(start, true), path + "/leaf\n" + path.substr(0, 8 * 181) + "/top\n");
+TEST(TreeSkip, AnOwnNodeLosesItsNameSoThatWalksPassItBy) {
+  ObjectNode* root = NewRoot("/home");
+  ObjectNode* dir = AppendDirectory(root, "/locked", 0040755, 0, NoTime);
+  AppendFile(dir, "/inside", 0100644, 3, NoTime);
+  SkipInWalk(dir);
+  EXPECT_EQ(dir->name, nullptr);
+  EXPECT_EQ(root->first_dir, dir);  // still in the tree, sizes and counts as they were
+  EXPECT_EQ(root->count, 1u);
+  SkipInWalk(nullptr);  // harmless
   FreeTree(root);
 }
 
@@ -237,49 +181,3 @@ TEST(TreeRead, OnlyTheOutermostLevelReportsAFailure) {
 }
 
 }  // namespace
-
-namespace {
-
-std::vector<std::string> DirectoryNames(const ObjectNode* dir) {
-  std::vector<std::string> names;
-  for (const ObjectNode* d = dir->first_dir; d; d = d->next) names.push_back(d->name);
-  return names;
-}
-
-}  // namespace
-
-// A backup list holds, per kind, chains of several adopted copies and of
-// library entries made for it. Freeing it must free every one of them (the
-// AddressSanitizer build of these tests reports a leak otherwise) and leave
-// the include tree, whose children the copies share, whole.
-TEST(TreeBackupList, EveryPlacedCopyIsFreedAndTheIncludeTreeSurvives) {
-  const uint64_t saved_limit = Settings.max_block_size;
-  Settings.max_block_size = 50;  // /home/a (100 bytes) is split into files
-  ObjectNode* root = NewRoot();
-  ObjectNode* home = AppendDirectory(root, "/home", 0040755, 0, NoTime);
-  ObjectNode* a = AppendDirectory(home, "/a", 0040755, 0, NoTime);
-  ObjectNode* b = AppendDirectory(home, "/b", 0040755, 0, NoTime);
-  ObjectNode* c = AppendDirectory(home, "/c", 0040755, 0, NoTime);
-  AppendFile(a, "/x", 0100644, 60, NoTime);
-  AppendFile(a, "/y", 0100644, 40, NoTime);
-  AppendFile(b, "/w", 0100644, 5, NoTime);
-  AppendFile(c, "/v", 0100644, 7, NoTime);
-  ObjectNode* libraries = AppendDirectory(root, "/QSYS.LIB", 0040755, 0, NoTime);
-  AppendFile(libraries, "/ONE.LIB", 0100644, 30, NoTime);
-  AppendFile(libraries, "/TWO.LIB", 0100644, 30, NoTime);
-
-  ObjectNode** kinds = BuildBackupList(root);
-  ASSERT_NE(kinds, nullptr);
-  EXPECT_EQ(DirectoryNames(kinds[OBJECT_KIND_IFS]), (std::vector<std::string>{"/home/b", "/home/c"}));
-  EXPECT_EQ(FileNames(kinds[OBJECT_KIND_IFS]), (std::vector<std::string>{"/home/a/x", "/home/a/y"}));
-  EXPECT_EQ(FileNames(kinds[OBJECT_KIND_LIBRARY]),
-            (std::vector<std::string>{"/QSYS.LIB/ONE.LIB", "/QSYS.LIB/TWO.LIB"}));
-  EXPECT_EQ(kinds[OBJECT_KIND_IFS]->count, 4u);
-  FreeBackupList(kinds);
-  Settings.max_block_size = saved_limit;
-
-  // The include tree is still whole after its copies are gone.
-  EXPECT_EQ(Dump(root, true),
-            "/home/a/x\n/home/a/y\n/home/b/w\n/home/c/v\n/QSYS.LIB/ONE.LIB\n/QSYS.LIB/TWO.LIB\n");
-  FreeTree(root);
-}

@@ -1,0 +1,272 @@
+// The backup workers: saving one object and reporting it, saving a kind
+// tree unit by unit, and the threads that do so each with a session of its
+// own, started and collected for the driver.
+#include "backup/workers.h"
+
+#include <pthread.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "archive/archive_file.h"
+#include "backup/backup_list.h"
+#include "backup/catalog.h"
+#include "backup/save_commands.h"
+#include "ftp/session.h"
+#include "support/log.h"
+#include "support/termination.h"
+#include "support/text.h"
+#include "cli/settings.h"
+
+// The module this file reports as in failure messages.
+static constexpr const char* kModule = "backup.cpp";
+
+namespace {
+
+using SaveFunction = int (*)(FtpSession*, ObjectFile*, int, TransferStats*, DataCallback, void*);
+
+// The member of the save family an object's path calls for.
+SaveFunction ChooseSave(const char* name) {
+  if (strcmp(name, "/QDLS") == 0) return SAVDLO;
+  if (strcmp(name, "/System Configuration") == 0) return SAVCFG;
+  if (strcmp(name, "/Security Data") == 0) return SAVSECDTA;
+  if (strncmp(name, "/QSYS.LIB/", 10) == 0) return SAVLIB;
+  return SAV;
+}
+
+// Whether the object can go into the archive at all. A name the entry
+// header cannot hold whole would be stored cut, and two objects could then
+// share one entry name: the object fails instead, before anything is saved,
+// and the rest of the night's backup goes on. Nothing more can be appended
+// to a broken archive: no save is run for it.
+bool CanBeArchived(const ObjectFile* object) {
+  size_t stored = strlen(object->name) + (S_ISDIR(object->mode) ? strlen(CtarDirectorySuffix) : 0);
+  if (stored > CtarMaxName) {
+    VFAIL("path too long\n");
+    return false;
+  }
+  if (ArchiveBroken) {
+    VFAIL("the archive is broken: nothing more is appended\n");
+    return false;
+  }
+  return true;
+}
+
+// The size and the rates of one saved object, in decimal units.
+void ReportSaveFigures(const ArchiveWriter* writer, const TransferStats& stats) {
+  char unit;
+  double bytes = static_cast<double>(writer->bytes);
+  if (writer->bytes >= 0) {
+    double shown = ScaleDecimal(bytes, &unit);
+    LogMessage("Size: %.3f %cB\n", shown, unit);
+  }
+  if (stats.save_seconds > 0) {
+    double rate = ScaleDecimal(bytes / stats.save_seconds, &unit);
+    LogMessage("Save: %7.3f s %.3f %cB/s\n", stats.save_seconds, rate, unit);
+  }
+  if (stats.wait_seconds > 0) LogMessage("Wait: %7.3f s\n", stats.wait_seconds);
+  if (stats.transfer_seconds > 0) {
+    double rate = ScaleDecimal(bytes / stats.transfer_seconds, &unit);
+    LogMessage("Xfer: %7.3f s %.3f %cB/s\n", stats.transfer_seconds, rate, unit);
+  }
+}
+
+// What a unit added to the archive, for the totals.
+uint64_t SavedBytes(const ArchiveWriter* writer) {
+  return static_cast<uint64_t>(writer->bytes > 0 ? writer->bytes : 0);
+}
+
+// A directory saved whole is one unit that counts its files. Failures add
+// up; a directory with no files in it is still one object that was not
+// saved.
+void SaveDirectoryUnit(FtpSession* session, const ObjectNode* dir, int number, ArchiveWriter* writer,
+                       BackupTotals* totals) {
+  totals->attempted += dir->count;
+  ObjectFile* unit = NewFileNode(nullptr, dir->name, dir->mode, 0, dir->mtime);
+  if (unit && ProcessObject(session, unit, number, writer, totals) == 0) {
+    if (Settings.catalog) DumpTree(Settings.catalog, dir, true);
+  } else {
+    totals->failed += dir->count > 0 ? dir->count : 1;
+    if (dir->count == 0) totals->attempted++;
+  }
+  if (unit) FreeFileList(unit);
+  totals->bytes += SavedBytes(writer);
+}
+
+void SaveFileUnit(FtpSession* session, ObjectFile* file, int number, ArchiveWriter* writer,
+                  BackupTotals* totals) {
+  totals->attempted++;
+  if (ProcessObject(session, file, number, writer, totals) == 0) {
+    if (Settings.catalog) PrintFilePath(Settings.catalog, file);
+  } else {
+    totals->failed++;
+  }
+  totals->bytes += SavedBytes(writer);
+}
+
+struct WorkerArgument {
+  uint32_t number;  // the kind index
+  ObjectNode* tree;
+};
+
+void ReportThreadTotals(uint32_t number, const BackupTotals& totals) {
+  if (totals.attempted == 0) {
+    LogMessage("** No objects attempted\n");
+    return;
+  }
+  char unit;
+  double bytes = ScaleBinary(static_cast<double>(totals.bytes), &unit);
+  LogMessage("** Thread %d Complete\n", static_cast<int>(number));
+  LogMessage("** Backed up %.3f %cB\n", bytes, unit);
+  LogMessage("** Total Save Time: %.3f s\n", totals.save_seconds);
+  LogMessage("** Total Wait Time: %.3f s\n", totals.wait_seconds);
+  LogMessage("** Total Xfer Time: %.3f s\n", totals.transfer_seconds);
+  LogMessage("** Total Blocks Attempted: %d\n", static_cast<int>(totals.attempted));
+  LogMessage("** Total Blocks Failed   : %d\n", static_cast<int>(totals.failed));
+}
+
+void* BackupWorker(void* argument) {
+  // Nothing may escape a thread.
+  try {
+    auto* work = static_cast<WorkerArgument*>(argument);
+    auto* totals = new (std::nothrow) BackupTotals{};
+    if (!totals) {
+      VFAIL("Failed to allocate return structure\n");
+      return nullptr;
+    }
+    uint32_t number = RegisterThread(-1);
+    FtpSession* session = NewSession(Settings.server, "ftp");
+    if (session && Login(session, Settings.user, Settings.passphrase) != 0) {
+      VFAIL("login failed\n");
+      Quit(session);
+      session = nullptr;
+    }
+    SaveKindTree(session, work->tree, static_cast<int>(number), totals);
+    if (session) Quit(session);
+    if (Settings.verbosity >= 1) ReportThreadTotals(number, *totals);
+    return totals;
+  } catch (...) {
+    VFAIL("worker ended by an unexpected error\n");
+    return nullptr;
+  }
+}
+
+// A tree no worker saved: every object in it failed.
+void CountTreeFailed(const ObjectNode* tree, BackupTotals* sum) {
+  sum->attempted += tree->count;
+  sum->failed += tree->count;
+}
+
+// Adds what a worker returned, or counts its whole tree as failed.
+void CollectWorker(pthread_t thread, int index, ObjectNode* tree, BackupTotals* sum) {
+  void* returned = nullptr;
+  pthread_join(thread, &returned);
+  auto* totals = static_cast<BackupTotals*>(returned);
+  if (!totals) {
+    VFAIL("Failed to retrieve return structure from thread %d\n", index);
+    CountTreeFailed(tree, sum);
+    return;
+  }
+  sum->attempted += totals->attempted;
+  sum->failed += totals->failed;
+  sum->save_seconds += totals->save_seconds;
+  sum->wait_seconds += totals->wait_seconds;
+  sum->transfer_seconds += totals->transfer_seconds;
+  sum->bytes += totals->bytes;
+  sum->partial += totals->partial;
+  delete totals;
+}
+
+// Starts the worker of kind index on tree. Its argument, which lives until
+// the worker is collected, or nullptr (the tree counted as failed) when it
+// could not start.
+WorkerArgument* StartWorker(int index, ObjectNode* tree, pthread_t* thread, BackupTotals* sum) {
+  auto* argument = new (std::nothrow) WorkerArgument{static_cast<uint32_t>(index), tree};
+  if (!argument) {
+    VFAIL("Failed to allocate argument structure for thread %d\n", index);
+    CountTreeFailed(tree, sum);
+    return nullptr;
+  }
+  int error = pthread_create(thread, nullptr, BackupWorker, argument);
+  if (error != 0) {
+    VFAIL("pthread_create(): %s\n", strerror(error));
+    CountTreeFailed(tree, sum);
+    delete argument;
+    return nullptr;
+  }
+  return argument;
+}
+
+}  // namespace
+
+int ProcessObject(FtpSession* session, ObjectFile* object, int number, ArchiveWriter* writer,
+                  BackupTotals* totals) {
+  writer->objects++;
+  writer->pending = 0;
+  writer->calls = 0;
+  writer->bytes = 0;
+  writer->partial = 0;
+  const SaveFunction save = ChooseSave(object->name);
+  TransferStats stats{};
+  if (!CanBeArchived(object) || save(session, object, number, &stats, ArchiveWriteCallback, writer) != 0) {
+    LogMessageTo(stderr, "Backup Failure: %s\n", object->name);
+    if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s\n", object->name);
+    writer->failures++;
+    return 1;
+  }
+  LogMessage("Backup Success: %s\n", object->name);
+  if (writer->partial) totals->partial++;
+  totals->save_seconds += stats.save_seconds;
+  totals->wait_seconds += stats.wait_seconds;
+  totals->transfer_seconds += stats.transfer_seconds;
+  if (Settings.verbosity >= 2) ReportSaveFigures(writer, stats);
+  return 0;
+}
+
+int SaveKindTree(FtpSession* session, ObjectNode* tree, int number, BackupTotals* totals) {
+  auto writer = std::make_unique<ArchiveWriter>();
+  writer->descriptor = ArchiveDescriptor;
+  writer->block = writer->storage;
+  if (writer->descriptor < 0) {
+    VFAIL("open(%s): %s\n", Settings.backup_path, strerror(EBADF));
+    return -1;
+  }
+  totals->attempted = 0;
+  totals->failed = 0;
+  // A termination request ends the tree's saving before its next unit.
+  for (ObjectNode* dir = tree->first_dir; dir && !TerminationRequested.load(); dir = dir->next)
+    SaveDirectoryUnit(session, dir, number, writer.get(), totals);
+  for (ObjectFile* file = tree->first_file; file && !TerminationRequested.load(); file = file->next)
+    SaveFileUnit(session, file, number, writer.get(), totals);
+  return 0;
+}
+
+void RunWorkers(ObjectNode** kinds, BackupTotals* sum) {
+  const int kind_count = ObjectKindCount();
+  std::vector<pthread_t> threads(static_cast<size_t>(kind_count));
+  std::vector<WorkerArgument*> running(static_cast<size_t>(kind_count), nullptr);
+  for (int i = 0; i < kind_count; i++) {
+    ObjectNode* tree = kinds[i];
+    // A tree of nothing but empty directories still has units to save.
+    if (!tree || (!tree->first_dir && !tree->first_file)) continue;
+    if (TerminationRequested.load()) break;  // no new worker for a run that is ending
+    WorkerArgument* argument = StartWorker(i, tree, &threads[static_cast<size_t>(i)], sum);
+    if (!argument) continue;
+    if (i == 0 || !Settings.threading) {
+      CollectWorker(threads[static_cast<size_t>(i)], i, tree, sum);
+      delete argument;
+    } else {
+      running[static_cast<size_t>(i)] = argument;
+    }
+  }
+  for (int i = 1; i < kind_count; i++) {
+    WorkerArgument* argument = running[static_cast<size_t>(i)];
+    if (!argument) continue;
+    CollectWorker(threads[static_cast<size_t>(i)], i, kinds[i], sum);
+    delete argument;
+  }
+}
