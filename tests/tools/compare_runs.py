@@ -15,6 +15,9 @@ import sys
 from pathlib import Path
 
 RULES = [
+    # Files that are not whole archives are mostly inputs a test damaged,
+    # made from archives whose save images carry the time of the save.
+    (re.compile(r"^bytes [0-9a-f]{64} ", re.M), "bytes - "),
     (re.compile(r"/[^\s:']*/build/"), "BUILD/"),
     (re.compile(r"\[\d\d:\d\d:\d\d\] "), "[T] "),
     (re.compile(r"\[([a-z_]+\.cpp),\d+\]"), r"[\1,N]"),
@@ -22,7 +25,13 @@ RULES = [
     (re.compile(r"/tmp/tmp[\w]+"), "/tmp/TMP"),
     (re.compile(r"\.partial\.\w{6}\b"), ".partial.XXXXXX"),
     (re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d"), "DATE"),
+    (re.compile(r"\d+\.\d+ [KMG]?B/s"), "RATE"),
     (re.compile(r"\d+\.\d+"), "F"),
+    (re.compile(r"0x[0-9A-F]{6,}"), "ADDRESS"),
+    (re.compile(r"\b1[0-7]{10}\b"), "OCTAL-TIME"),
+    (re.compile(r"\b1[78]\d{8}\b"), "EPOCH"),
+    # Workers take their numbers in the order they first log.
+    (re.compile(r"\[T0[1-9]\]"), "[Tw]"),
     (re.compile(r":\d{4,5}\b"), ":PORT"),
     (re.compile(r"\(\d+,\d+\)"), "(P,P)"),
 ]
@@ -47,8 +56,8 @@ def transcripts(root):
         test = read(run / "test").strip().rsplit(" (", 1)[0]
         parts = [f"$ {' '.join(read(run / 'args').splitlines())}",
                  f"status {read(run / 'status').strip()}",
-                 "--- out", *sorted(read(run / "out").splitlines()),
-                 "--- err", *sorted(read(run / "err").splitlines()),
+                 "--- out", *sorted(map(normal, read(run / "out").splitlines())),
+                 "--- err", *sorted(map(normal, read(run / "err").splitlines())),
                  "--- files", read(run / "files")]
         tests[test].append(normal("\n".join(parts)))
     return tests

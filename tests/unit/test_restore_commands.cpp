@@ -252,7 +252,7 @@ TEST_F(RestoreFamilyTest, WholeSaveFileRestoresAndAuthority) {
   EntryData documents(100), profiles(200), configuration(300);
   StdoutCapture out;
   StderrCapture err;
-  // A failed document restore is not judged: SendCommand's 1 comes back.
+  // A failed document restore is not judged: Command's 1 comes back.
   EXPECT_EQ(RestoreDocuments(session, "/QDLS", nullptr, ArchiveReadCallback, &documents.reader), 1);
   EXPECT_EQ(RestoreUserProfiles(session, "/Security Data", nullptr, ArchiveReadCallback, &profiles.reader), 0);
   EXPECT_EQ(RestoreConfiguration(session, "/System Configuration", nullptr, ArchiveReadCallback,
