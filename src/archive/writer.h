@@ -1,7 +1,7 @@
 // Writing the archive: one retrieval at a time appends an entry's data
 // behind the end block under the archive lock, and whatever is not closed
 // whole is cut back. The entry's header is written by CloseEntry
-// (archive/entry_close.h); the file itself is made and kept by
+// (archive/header_writer.h); the file itself is made and kept by
 // archive/archive_file.h.
 #pragma once
 

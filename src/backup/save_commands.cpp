@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "archive/entry_close.h"
+#include "archive/header_writer.h"
 #include "archive/writer.h"
 #include "backup/object_tree.h"
 #include "ftp/checkpoint.h"

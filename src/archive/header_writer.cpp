@@ -2,7 +2,7 @@
 // appended, with its last block padded, a new end block behind it and the
 // header over the old end block. It reports as the ftp module, whose save
 // family it has always been part of.
-#include "archive/entry_close.h"
+#include "archive/header_writer.h"
 
 #include <cerrno>
 #include <cstring>
