@@ -25,6 +25,7 @@ RULES = [
     (re.compile(r"/tmp/tmp[\w]+"), "/tmp/TMP"),
     (re.compile(r"\.partial\.\w{6}\b"), ".partial.XXXXXX"),
     (re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d"), "DATE"),
+    (re.compile(r"\b[A-Z][a-z]{2} [ \d]\d \d\d:\d\d\b"), "DATE"),
     (re.compile(r"\d+\.\d+ [KMG]?B/s"), "RATE"),
     (re.compile(r"\d+\.\d+"), "F"),
     (re.compile(r"0x[0-9A-F]{6,}"), "ADDRESS"),
