@@ -50,11 +50,10 @@ ssize_t ReadArchive(int descriptor, void* buffer, size_t length) {
     }
     // Before the request the wait watches the wake-up too and has no
     // bound; after it, it watches the stream alone for the grace.
-    const bool requested = TerminationRequested.load() != 0;
     const int ready = WaitReadableOrWoken(descriptor, TerminationGraceMs);
     if (ready < 0) return -1;
-    if (ready > 0) break;
-    if (requested) {
+    if (ready == WaitReadable) break;
+    if (ready == WaitGraceOver) {
       given_up = true;
       errno = ECANCELED;
       return -1;

@@ -172,7 +172,8 @@ int WaitReadableOrWoken(int descriptor, int grace_ms) {
   struct pollfd set[2] = {{descriptor, POLLIN, 0}, {wake, POLLIN, 0}};
   int ready = PollRetry(set, !requested && wake >= 0 ? 2 : 1, requested ? grace_ms : -1);
   if (ready < 0) return -1;
-  return set[0].revents ? 1 : 0;
+  if (set[0].revents) return WaitReadable;
+  return requested ? WaitGraceOver : WaitWoken;
 }
 
 int ConnectWithin(int descriptor, const sockaddr* address, socklen_t length, int max_steps) {

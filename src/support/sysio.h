@@ -105,9 +105,14 @@ int WaitStepMs();
 // nothing.
 int PollStep(struct pollfd* set, nfds_t count, int step_ms);
 int PollStepOne(int descriptor, short events, int step_ms);
-// Waits until descriptor is readable, beside the termination wake-up: 1
-// when readable, 0 when a request came, -1 when the poll failed. After a
-// request it waits at most grace_ms.
+// Waits until descriptor is readable. Before a termination request it waits
+// without bound beside the request's wake-up; once a request came, for
+// grace_ms at most. WaitReadable (1) when readable, WaitWoken (2) when a
+// request came during the wait, WaitGraceOver (0) when a request had come
+// before it and the grace passed silently, -1 when the poll failed.
+constexpr int WaitGraceOver = 0;
+constexpr int WaitReadable = 1;
+constexpr int WaitWoken = 2;
 int WaitReadableOrWoken(int descriptor, int grace_ms);
 
 // connect(2) on a socket, waited for in poll steps: cut short by a
