@@ -667,8 +667,11 @@ class SimHandler(FTPHandler):
         lst.listen(4)
         self._pasv = lst
         port = lst.getsockname()[1]
+        # A hostile server may name another host in its reply; the listener
+        # is here all the same.
+        named = self.state.config.get("pasv_address") or local_ip
         self.respond("227 Entering Passive Mode (%s,%d,%d)."
-                     % (local_ip.replace(".", ","), port >> 8, port & 255))
+                     % (named.replace(".", ","), port >> 8, port & 255))
 
     def ftp_EPSV(self, arg):
         self._close_data()

@@ -13,6 +13,7 @@
 #include "net/connection.h"
 #include "support/log.h"
 #include "support/sysio.h"
+#include "support/text.h"
 
 // The module this file reports as in failure messages.
 static constexpr const char* kModule = "socket.cpp";
@@ -73,12 +74,28 @@ int ParsePassiveReply(const char* reply, sockaddr_in* address, char* text, size_
   return 0;
 }
 
+namespace {
+
+// Deliberately, only the port of a 227 reply is used: the data connection
+// goes to the address the control connection is connected to, as curl does
+// by default. A server (or anyone able to alter its reply) could otherwise
+// send the data of a backup or restore to a third host.
+void UsePeerAddress(const FtpConnection* control, FtpConnection* data) {
+  if (data->server.sin_addr.s_addr != control->peer.sin_addr.s_addr && Settings.verbosity >= 4)
+    LogMessage("PASV address %s ignored: the data connection goes to %s\n", data->server_text, control->peer_text);
+  data->server.sin_addr = control->peer.sin_addr;
+  CopyBounded(data->server_text, sizeof data->server_text, control->peer_text);
+}
+
+}  // namespace
+
 int ConnectDataConnection(FtpConnection* control, const char* passive_reply) {
   if (!IsControlRecord(control) || !IsDataRecord(control->data)) return -1;
   FtpConnection* data = control->data;
   CloseDataSocket(data);
   if (ParsePassiveReply(passive_reply, &data->server, data->server_text, sizeof data->server_text) != 0)
     return -1;
+  UsePeerAddress(control, data);
 
   int descriptor = socket(AF_INET, SOCK_STREAM, data->protocol);
   if (descriptor < 0) {

@@ -13,6 +13,8 @@ struct FtpConnection;
 // reply spelled it (cut to text_size, always terminated; text_size > 0).
 // 0, or -1 after reporting what is wrong with the reply.
 int ParsePassiveReply(const char* reply, sockaddr_in* address, char* text, size_t text_size);
-// Connects the control record's data record to the address of a PASV
-// reply line, closing any data connection it had. 0, or -1 after a message.
+// Connects the control record's data record to the port of a PASV reply
+// line, on the control connection's peer address (the reply's address is
+// checked, then not used), closing any data connection it had. 0, or -1
+// after a message.
 int ConnectDataConnection(FtpConnection* control, const char* passive_reply);

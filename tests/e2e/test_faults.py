@@ -202,6 +202,25 @@ def test_refused_relogin_fails_the_object_cleanly(sim_factory, tmp_path):
     FIGURES["survived as promised"] += 1
 
 
+@pytest.mark.parametrize("named", ["127.0.0.254", "192.0.2.1"])
+def test_a_passive_reply_naming_another_host_moves_no_data_there(sim_factory, tmp_path, named):
+    # Only the port of a 227 reply is used: every data connection goes to
+    # the server the control connection reached, so the backup and the
+    # restore are whole although each reply names a host that is not there.
+    FIGURES["faults tried"] += 1
+    config = {"pasv_address": named}
+    source = sim_factory(tree=TREE, config=config)
+    r = backup(source, tmp_path, "-x", "no", "-v4", tag="hostile")
+    assert r.status == 0, r.err
+    assert "PASV address %s ignored: the data connection goes to %s" % (named, source.addr) in r.out_lines
+    assert not [line for line in r.out_lines + r.err_lines if named + ":" in line]
+    target = sim_factory(tree=EMPTY, config=config)
+    back = restore(target, r.archive)
+    assert back.status == 0, back.err
+    assert not simlib.compare_trees(source.root, target.root)
+    FIGURES["survived as promised"] += 1
+
+
 @pytest.mark.slow
 def test_stalled_data_connection_gives_up_after_the_timeout(sim_factory, tmp_path):
     # One minute of silence with --timeout 1: the transfer is given up (both

@@ -411,3 +411,40 @@ TEST_F(TransportTest, NoCommandIsSentOnceTheGraceAfterATerminationRequestIsOver)
 }
 
 }  // namespace
+
+namespace {
+
+// A 227 reply naming another host: only its port is taken, and the data
+// goes to the host the control connection is connected to, whatever
+// address the reply names (a third host, an address of this host, one that
+// does not exist).
+TEST_F(TransportTest, OnlyThePortOfAPassiveReplyIsUsed) {
+  const std::string payload(100000, 'p');
+  const char* const named[] = {"10,9,8,7", "127,0,0,2", "192,0,2,1", "127,0,0,1"};
+  size_t next = 0;
+  FakeFtpServer server([&](PeerConnection& c, const std::string& command) {
+    if (command == "PASV") {
+      std::string reply = c.PassiveReply();  // listens on 127.0.0.1
+      reply.replace(reply.find("127,0,0,1"), 9, named[next++ % std::size(named)]);
+      c.Reply(reply);
+      return true;
+    }
+    int data = c.AcceptData();
+    c.Reply("150 Opening data connection.\r\n");
+    SendAll(data, payload);
+    close(data);
+    c.Reply("226 Transfer complete.\r\n");
+    return true;
+  });
+  ASSERT_NE(Open(server), nullptr);
+  for (const char* address : named) {
+    SCOPED_TRACE(address);
+    std::string got;
+    StderrCapture err;
+    EXPECT_EQ(Retr("RETR /f", &got), 0) << err.Text();
+    EXPECT_EQ(got, payload);
+    EXPECT_STREQ(session->control->data->server_text, "127.0.0.1");
+  }
+}
+
+}  // namespace
