@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "archive/file_space.h"
 #include "support/log.h"
 #include "support/sysio.h"
 
@@ -32,7 +31,7 @@ void ReserveAhead(ArchiveWriter* writer) {
   if (writer->calls == 0) writer->reserve_at = First;  // a new entry
   if (writer->bytes < 0 || static_cast<uint64_t>(writer->bytes) < writer->reserve_at) return;
   const int64_t here = CurrentOffset(writer->descriptor);
-  if (here < 0 || ReserveSpace(writer->descriptor, here, Ahead) != 0) {
+  if (here < 0 || ReserveFileSpace(writer->descriptor, here, Ahead) != 0) {
     writer->reserve_at = UINT64_MAX;  // not here: as it comes
     return;
   }

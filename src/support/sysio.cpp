@@ -60,6 +60,11 @@ ssize_t ReadAll(size_t length, Step step) {
   return static_cast<ssize_t>(got);
 }
 
+// poll(2), again with the same time-out after a signal.
+int PollRetry(struct pollfd* set, nfds_t count, int timeout_ms) {
+  return Retried([&] { return poll(set, count, timeout_ms); });
+}
+
 }  // namespace
 
 ssize_t ReadSome(int descriptor, void* data, size_t length) {
@@ -126,6 +131,12 @@ int64_t SeekTo(int descriptor, int64_t offset, int whence) {
 
 int64_t CurrentOffset(int descriptor) { return SeekTo(descriptor, 0, SEEK_CUR); }
 
+int ReserveFileSpace(int descriptor, int64_t offset, int64_t length) {
+  return Retried([&] {
+    return fallocate64(descriptor, FALLOC_FL_KEEP_SIZE, static_cast<off64_t>(offset), static_cast<off64_t>(length));
+  });
+}
+
 int TruncateTo(int descriptor, int64_t length) {
   return Retried([&] { return ftruncate64(descriptor, static_cast<off64_t>(length)); });
 }
@@ -140,9 +151,6 @@ int SyncAll(int descriptor) {
 
 double PollStepSeconds() { return PollStepMs / 1000.0; }
 
-int PollRetry(struct pollfd* set, nfds_t count, int timeout_ms) {
-  return Retried([&] { return poll(set, count, timeout_ms); });
-}
 
 int WaitStepMs() {
   int left = TerminationMsLeft();

@@ -54,6 +54,10 @@ int CloseDescriptor(int* descriptor);
 int64_t SeekTo(int descriptor, int64_t offset, int whence);
 // The current offset, or -1.
 int64_t CurrentOffset(int descriptor);
+// Reserves length bytes of space from offset on without changing the
+// file's size or content (fallocate with FALLOC_FL_KEEP_SIZE). 0, or -1
+// (errno set) where the file system cannot reserve.
+int ReserveFileSpace(int descriptor, int64_t offset, int64_t length);
 // ftruncate(2), fdatasync(2) and fsync(2), retried after a signal.
 int TruncateTo(int descriptor, int64_t length);
 int SyncData(int descriptor);
@@ -94,8 +98,6 @@ class UniqueFd {
 extern int PollStepMs;
 double PollStepSeconds();
 
-// poll(2), retried after a signal with the same time-out.
-int PollRetry(struct pollfd* set, nfds_t count, int timeout_ms);
 // How long the next wait step may be: the poll step, or what is left of the
 // grace after a termination request (0 once it is over).
 int WaitStepMs();

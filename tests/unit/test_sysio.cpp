@@ -105,16 +105,19 @@ TEST(Sysio, AStreamIsReadableOrAfterARequestGivenUpWhenTheGraceEnds) {
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::Message() << c.requested << c.data);
     Pipe p;
-    if (c.data) ASSERT_EQ(write(p.fds[1], "x", 1), 1);
+    if (c.data) {
+      ASSERT_EQ(write(p.fds[1], "x", 1), 1);
+    }
     TerminationRequested = c.requested ? SIGTERM : 0;
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(WaitReadableOrWoken(p.fds[0], 200), c.expected);
     const auto waited = std::chrono::steady_clock::now() - start;
     TerminationRequested = 0;
-    if (c.waits_grace)
+    if (c.waits_grace) {
       EXPECT_GE(waited, std::chrono::milliseconds(190));
-    else
+    } else {
       EXPECT_LT(waited, std::chrono::milliseconds(190));  // no grace waited
+    }
   }
 }
 
