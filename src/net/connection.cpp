@@ -44,8 +44,7 @@ int Port(const sockaddr_in& address) { return ntohs(address.sin_port); }
 
 int ControlFailed(FtpConnection* control) {
   CloseDescriptor(&control->descriptor);
-  control->reply_held = 0;
-  control->lines_held = 0;
+  ForgetHeldReplies(control);
   return AbortToCheckpoint(control->owner);
 }
 
@@ -175,8 +174,7 @@ int ConnectControl(FtpConnection* control) {
     LogMessage("%s: FTP control connected to %s:%d\n", ProgramName, control->peer_text, Port(control->peer));
 
   // The greeting, with any further lines that came with it.
-  control->reply_held = 0;
-  control->lines_held = 0;
+  ForgetHeldReplies(control);
   char line[ReplyBufferSize];
   do {
     if (ReadReply(control, line) != 0) {

@@ -71,6 +71,16 @@ void ReplySeeds() {
       whole + std::string(4096, '2') + "\r\n250 after a line too long\r\n",
       Bytes({255, 255, 255, 255}) + std::string(4200, 'x'),
       whole + "250-" + std::string(3000, 'm') + "\r\n250-" + std::string(3000, 'n') + "\r\n250 end\r\n",
+      // Continuation lines without a code, or with another one, and a
+      // final line whose CR and LF come in two reads.
+      whole + "230-Welcome\r\n  230 is not final\r\nhello\r\n231 other\r\n230 done\r\n",
+      Bytes({15, 1, 0, 0}) + "550-No\r\n550 No.\r\n200 ok\r\n",
+      // A reply of 1001 lines: past the bound.
+      [] {
+        std::string text = std::string(4, '\0');
+        for (int i = 0; i < 1000; i++) text += "220-x\r\n";
+        return text + "220 end\r\n";
+      }(),
   };
   Write("reply_reader", seeds);
 }
