@@ -151,6 +151,7 @@ int ConnectControl(FtpConnection* control) {
     VFAIL("socket(): %s\n", strerror(errno));
     return -1;
   }
+  if (EnableKeepalive(descriptor) != 0) VFAIL("setsockopt(, SOL_SOCKET, SO_KEEPALIVE): %s\n", strerror(errno));
   int connected = ConnectWithin(descriptor, reinterpret_cast<sockaddr*>(&control->peer), sizeof control->peer,
                                 Settings.timeout_minutes);
   if (connected != 0) {

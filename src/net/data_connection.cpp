@@ -113,6 +113,7 @@ int ConnectDataConnection(FtpConnection* control, const char* passive_reply) {
     VFAIL("setsockopt(, SOL_IP, IP_MTU_DISCOVER, %X): %s\n", discover, strerror(errno));
   if (setsockopt(descriptor, SOL_TCP, TCP_NODELAY, &on, sizeof on) != 0)
     VFAIL("setsockopt(, SOL_TCP, TCP_NODELAY, %X): %s\n", on, strerror(errno));
+  if (EnableKeepalive(descriptor) != 0) VFAIL("setsockopt(, SOL_SOCKET, SO_KEEPALIVE): %s\n", strerror(errno));
   int connected = ConnectWithin(descriptor, reinterpret_cast<sockaddr*>(&data->server), sizeof data->server,
                                 Settings.timeout_minutes);
   if (connected != 0) {
