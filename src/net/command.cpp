@@ -202,7 +202,9 @@ int SendCommandLine(FtpConnection* control, const char* command) {
     return -1;
   }
   size_t sent = 0;
-  if (SendFull(control->descriptor, line, static_cast<size_t>(length), &sent) < 0) {
+  const ssize_t written = SendFull(control->descriptor, line, static_cast<size_t>(length), &sent);
+  WipeBytes(line, static_cast<size_t>(length));  // the line of PASS carries the passphrase
+  if (written < 0) {
     VFAIL("write(%s:%d,, %d): %s\n", control->peer_text, Port(control->peer), length - static_cast<int>(sent),
           strerror(errno));
     CloseDescriptor(&control->descriptor);
