@@ -100,7 +100,8 @@ int PrepareSaveFile(FtpSession* session, int number, const SaveCommand& save) {
 int RunSaveCommand(FtpSession* session, const char* command, ObjectFile* object, const SaveCommand& save,
                    ArchiveWriter* writer) {
   Reply reply;
-  if (Command(session->control, command, &reply) == 0) return 0;
+  // A save runs as long as the server needs for the object: no bound.
+  if (LongCommand(session->control, command, &reply) == 0) return 0;
   const char* count = nullptr;
   int length = 0;
   if (!Settings.precheck && save.partial == PartialRule::NotSavedCount &&

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/prctl.h>
 #include <sys/types.h>
 
 #include <cerrno>
@@ -15,6 +16,7 @@
 #include "cli/settings.h"
 #include "support/log.h"
 #include "support/sysio.h"
+#include "support/text.h"
 
 // The module this file reports as in failure messages.
 [[maybe_unused]] static constexpr const char* kModule = "vondral.cpp";
@@ -111,8 +113,10 @@ struct PassphraseSource {
   const char* (*find)(const char* key, char* buffer);
 };
 
+constexpr const char* HereKeyword = "here:";
+
 const PassphraseSource PassphraseSources[] = {
-    {"here:", PassphraseGivenHere},
+    {HereKeyword, PassphraseGivenHere},
     {"env:", PassphraseFromEnvironment},
     {"fd:", PassphraseFromDescriptor},
     {"file:", PassphraseFromFile},
@@ -135,6 +139,8 @@ int KeepPassphrase(const char* passphrase) {
     LogMessageTo(stderr, "%s: malloc(%d) failed\n", ProgramName, static_cast<int>(strlen(passphrase)));
     return -1;
   }
+  // A second --credentials replaces the first.
+  WipeAndFree(&Settings.passphrase);
   Settings.passphrase = copy;
   return 0;
 }
@@ -150,6 +156,18 @@ int ReadCredentials(const char* argument) {
   if (KeepUserName(argument, colon) != 0) return -1;
   char buffer[PassphraseBufferSize];
   const char* passphrase = FindPassphrase(colon + 1, buffer);
-  if (!passphrase || KeepPassphrase(passphrase) != 0) return ForgetUserName();
-  return 0;
+  const bool kept = passphrase && KeepPassphrase(passphrase) == 0;
+  // What a descriptor or file gave stays only in the copy kept.
+  WipeBytes(buffer, sizeof buffer);
+  return kept ? 0 : ForgetUserName();
 }
+
+void HidePassphraseArgument(char* argument) {
+  char* colon = strchr(argument, ':');
+  if (!colon || strncasecmp(colon + 1, HereKeyword, strlen(HereKeyword)) != 0) return;
+  WipeText(colon + 1 + strlen(HereKeyword));
+}
+
+void ForgetPassphrase() { WipeAndFree(&Settings.passphrase); }
+
+int KeepMemoryPrivate() { return prctl(PR_SET_DUMPABLE, 0, 0, 0, 0); }

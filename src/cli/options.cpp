@@ -284,10 +284,14 @@ int CopyArgument(char** slot, const char* argument, const char* what) {
 }
 
 // One option; returns 0, -1 for a bad option, 1 for --help.
-int HandleOption(int letter, const char* argument) {
+int HandleOption(int letter, char* argument) {
   switch (letter) {
     case 'b': return CopyArgument(&Settings.backup_path, argument, "backup output path");
-    case 'c': return ReadCredentials(argument) == 0 ? 0 : -1;
+    case 'c': {
+      const int read = ReadCredentials(argument) == 0 ? 0 : -1;
+      HidePassphraseArgument(argument);
+      return read;
+    }
     case 'C': return OpenCatalog(argument);
     case 'd': return SetDate(argument);
     case 'e': return OpenPathFile(&Settings.exclude, argument);

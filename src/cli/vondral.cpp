@@ -6,12 +6,14 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "archive/archive_file.h"
 #include "backup/driver.h"
+#include "cli/credentials.h"
 #include "cli/list_mode.h"
 #include "cli/options.h"
 #include "cli/settings.h"
@@ -37,6 +39,8 @@ void StartProcess(const char* argv0) {
   RegisterThread(-1);
   const char* slash = strrchr(argv0, '/');
   ProgramName = slash ? slash + 1 : argv0;
+  // Before the passphrase is read: from then on the memory holds it.
+  if (KeepMemoryPrivate() != 0) VFAIL("prctl(PR_SET_DUMPABLE): %s\n", strerror(errno));
 
   // SIGTERM is blocked before any other thread exists, so every later thread
   // inherits the block and only the signal thread ever takes it.
@@ -130,9 +134,7 @@ int RunMode(FtpSession* session) {
   return -1;
 }
 
-}  // namespace
-
-int VondralMain(int argc, char** argv) {
+int RunProgram(int argc, char** argv) {
   struct timeval start{};
   gettimeofday(&start, nullptr);
   StartProcess(argv[0]);
@@ -150,4 +152,13 @@ int VondralMain(int argc, char** argv) {
   gettimeofday(&end, nullptr);
   LogMessage("** Total Run Time: %.3f seconds\n", Seconds(end) - Seconds(start));
   return result & 0xFF;
+}
+
+}  // namespace
+
+int VondralMain(int argc, char** argv) {
+  const int status = RunProgram(argc, argv);
+  // Whichever way the run ended, the passphrase does not outlive it.
+  ForgetPassphrase();
+  return status;
 }

@@ -34,5 +34,5 @@ int DataCommand(FtpSession* session, const char* command, const Transfer& transf
   if (data->descriptor < 0 && OpenPassiveConnection(session) != 0) return -1;
   if (EnsureTransferBuffer(data) != 0) return -1;
   if (SendCommandLine(control, command) != 0) return -1;
-  return AwaitReply(control, reply, &transfer);
+  return AwaitReply(control, command, reply, &transfer, ReplyWait::Bounded);
 }

@@ -56,16 +56,19 @@ int SendCredential(FtpSession* session, const char* verb, const char* value, con
     return -1;
   }
   Reply reply;
-  if (Command(session->control, command, &reply) != 0) {
+  const int result = Command(session->control, command, &reply);
+  WipeBytes(command, sizeof command);  // PASS carries the passphrase
+  if (result != 0) {
     VFAIL("%s command failed\n  %s\n", verb, reply.quoted);
     return -1;
   }
   return 0;
 }
 
+// The old copy is wiped: it may be a passphrase.
 void KeepCopy(char** slot, const char* value) {
   if (*slot == value) return;
-  free(*slot);
+  WipeAndFree(slot);
   *slot = strdup(value);
 }
 
@@ -147,7 +150,7 @@ int Quit(FtpSession* session) {
     VFAIL("QUIT command failed\n");
   int result = CloseConnection(session->control);
   free(session->user);
-  free(session->password);
+  WipeAndFree(&session->password);
   memset(session->tag, 0, sizeof session->tag);
   free(session);
   return result;

@@ -28,6 +28,10 @@ struct FtpSession {
   // marked armed with none of them on the stack behaves as unarmed, so the
   // abort never escapes past the last place able to catch it.
   int live_checkpoints;
+  // Set when a recovery waited its whole --timeout in vain: later
+  // recoveries on this session try once and do not wait again, so a server
+  // that is gone for good costs the run one wait, not one per object.
+  uint8_t recovery_exhausted;
 };
 
 // 1 for "V5R3M0", 2 for "V5R4M0", 0 for anything else or unknown.

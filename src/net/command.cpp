@@ -27,8 +27,9 @@ namespace {
 // came, the data connection while it is open.
 class Exchange {
  public:
-  Exchange(FtpConnection* control, Reply* reply, const Transfer* transfer)
-      : control_(control), data_(control->data), reply_(reply), transfer_(transfer) {}
+  Exchange(FtpConnection* control, const char* command, Reply* reply, const Transfer* transfer, ReplyWait wait)
+      : control_(control), data_(control->data), command_(command), reply_(reply), transfer_(transfer),
+        bounded_(wait == ReplyWait::Bounded) {}
 
   int Run() {
     for (;;) {
@@ -153,13 +154,17 @@ class Exchange {
     return control_trouble || data_trouble;
   }
 
-  // A poll step in which nothing came. A plain command waits for its reply
-  // without limit: a save on the server may run for hours. Only a transfer
-  // is bounded by --timeout. 0, or -1 when the transfer is given up.
+  // A poll step in which nothing came. Only a save or restore command,
+  // which may run for hours on the server, waits without limit; any other
+  // reply or transfer that stays silent for --timeout minutes means a server
+  // that is gone or hung, and waiting on would hold the worker (and during a
+  // retrieval the archive lock) for ever. 0, or -1 when the wait is given up.
   int SilentStep() {
     waited_ += PollStepMs;
     VFAIL("poll(): timedout after %.2fs (%.2fs)\n", PollStepSeconds(), waited_ / 1000.0);
-    if (transfer_ && waited_ >= static_cast<long>(Settings.timeout_minutes) * PollStepMs) {
+    if (bounded_ && waited_ >= static_cast<long>(Settings.timeout_minutes) * PollStepMs) {
+      VFAIL("no reply to %s within %d minutes: connection given up\n", ShownCommand(command_),
+            Settings.timeout_minutes);
       AbandonConnections(control_);
       return -1;
     }
@@ -168,8 +173,10 @@ class Exchange {
 
   FtpConnection* control_;
   FtpConnection* data_;
+  const char* command_;
   Reply* reply_;
   const Transfer* transfer_;
+  bool bounded_;
   bool awaiting_ = true;  // only preliminary replies (or none) came so far
   int failure_ = 0;
   long waited_ = 0;
@@ -206,7 +213,9 @@ int SendCommandLine(FtpConnection* control, const char* command) {
     return -1;
   }
   size_t sent = 0;
-  if (StreamSendFull(control, line, static_cast<size_t>(length), &sent) < 0) {
+  const ssize_t written = StreamSendFull(control, line, static_cast<size_t>(length), &sent);
+  WipeBytes(line, static_cast<size_t>(length));  // the line of PASS carries the passphrase
+  if (written < 0) {
     VFAIL("write(%s:%d,, %d): %s\n", control->peer_text, Port(control->peer), length - static_cast<int>(sent),
           strerror(errno));
     StreamClose(control, false);
@@ -216,16 +225,29 @@ int SendCommandLine(FtpConnection* control, const char* command) {
   return 0;
 }
 
-int AwaitReply(FtpConnection* control, Reply* reply, const Transfer* transfer) {
+int AwaitReply(FtpConnection* control, const char* command, Reply* reply, const Transfer* transfer,
+               ReplyWait wait) {
   if (!IsControlRecord(control)) return -1;
   Reply ignored;
-  Exchange exchange(control, reply ? reply : &ignored, transfer);
+  Exchange exchange(control, command, reply ? reply : &ignored, transfer, wait);
   return exchange.Run();
 }
 
-int Command(FtpConnection* control, const char* command, Reply* reply) {
+namespace {
+
+int CommandWaiting(FtpConnection* control, const char* command, Reply* reply, ReplyWait wait) {
   if (!IsControlRecord(control)) return -1;
   if (!MaySendCommand(command)) return -1;
   if (SendCommandLine(control, command) != 0) return -1;
-  return AwaitReply(control, reply, nullptr);
+  return AwaitReply(control, command, reply, nullptr, wait);
+}
+
+}  // namespace
+
+int Command(FtpConnection* control, const char* command, Reply* reply) {
+  return CommandWaiting(control, command, reply, ReplyWait::Bounded);
+}
+
+int LongCommand(FtpConnection* control, const char* command, Reply* reply) {
+  return CommandWaiting(control, command, reply, ReplyWait::Unbounded);
 }

@@ -36,9 +36,20 @@ bool MaySendCommand(const char* command);
 // Sends one command line (CR LF added). 0, or -1 after a message; a broken
 // connection is handed to the checkpoint.
 int SendCommandLine(FtpConnection* control, const char* command);
-// Waits for the final reply of the command just sent, running the transfer
+// How long a final reply is awaited: within --timeout (counted in poll
+// steps), or, for the save and restore commands that run for hours on the
+// server, without limit.
+enum class ReplyWait { Bounded, Unbounded };
+// Waits for the final reply of `command`, just sent, running the transfer
 // when one is given (its data connection must be open). 0 positive, 1
 // negative, -1 failure (a broken transfer stays -1 whatever the reply).
-int AwaitReply(FtpConnection* control, Reply* reply, const Transfer* transfer = nullptr);
-// A command without data: MaySendCommand, SendCommandLine and AwaitReply.
+// A bounded wait that reaches --timeout gives both connections up and hands
+// over to the checkpoint.
+int AwaitReply(FtpConnection* control, const char* command, Reply* reply, const Transfer* transfer,
+               ReplyWait wait);
+// A command without data: MaySendCommand, SendCommandLine and AwaitReply,
+// the reply awaited within --timeout.
 int Command(FtpConnection* control, const char* command, Reply* reply = nullptr);
+// The same for a save or restore command (RCMD SAV..., RST...): its reply is
+// awaited without limit, with a line every poll step.
+int LongCommand(FtpConnection* control, const char* command, Reply* reply = nullptr);

@@ -208,6 +208,7 @@ int ConnectControl(FtpConnection* control) {
     VFAIL("socket(): %s\n", strerror(errno));
     return -1;
   }
+  if (EnableKeepalive(descriptor) != 0) VFAIL("setsockopt(, SOL_SOCKET, SO_KEEPALIVE): %s\n", strerror(errno));
   char shown[AddressTextSize];
   AddressText(control->peer, shown, sizeof shown);
   int connected = ConnectWithin(descriptor, &control->peer.any, AddressLength(control->peer), Settings.timeout_minutes);

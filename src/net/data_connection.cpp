@@ -153,6 +153,7 @@ int PrepareDataSocket(int descriptor, int family) {
   }
   if (setsockopt(descriptor, SOL_TCP, TCP_NODELAY, &on, sizeof on) != 0)
     VFAIL("setsockopt(, SOL_TCP, TCP_NODELAY, %X): %s\n", on, strerror(errno));
+  if (EnableKeepalive(descriptor) != 0) VFAIL("setsockopt(, SOL_SOCKET, SO_KEEPALIVE): %s\n", strerror(errno));
   return 0;
 }
 

@@ -208,6 +208,9 @@ ssize_t Unfinished(FtpConnection* record, int result, const char* direction) {
   TlsChannel* tls = record->tls;
   const int saved = errno;
   const int error = SSL_get_error(tls->ssl, result);
+  // A data connection that carries no byte (an empty listing) ends at its
+  // first read; its handshake is named all the same.
+  Announce(record);
   if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
     tls->wants = error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT;
     errno = EAGAIN;

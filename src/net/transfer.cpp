@@ -129,7 +129,8 @@ class Download {
   int timeouts_ = 0;
 };
 
-// One upload: writes each buffer the callback filled, whole.
+// One upload: writes each buffer the callback filled, whole, and counts the
+// silent steps against --timeout.
 class Upload {
  public:
   explicit Upload(FtpConnection* data) : data_(data) {}
@@ -150,7 +151,12 @@ class Upload {
           break;
         }
         if (TerminationRequested.load() != 0) continue;  // a step of the grace, not a silent minute
+        // A server that stops taking data is given --timeout, as a silent
+        // download is: a busy server may pause, a gone one never resumes.
+        timeouts_++;
         VFAIL("poll(): timedout on data write after %.2fs\n", PollStepSeconds());
+        if (timeouts_ < Settings.timeout_minutes) continue;
+        VFAIL("Timeout limit reached (%d times).\n", timeouts_);
         break;
       }
       ssize_t written = StreamSend(data_, data_->transfer_buffer + sent, static_cast<size_t>(count - sent));
@@ -163,6 +169,7 @@ class Upload {
       if (Settings.verbosity >= 5)
         VFAIL("write(%s:%d) %d bytes\n", data_->server_text, Port(data_->server), static_cast<int>(written));
       sent += static_cast<int>(written);
+      timeouts_ = 0;
       if (!flow_.Moving(written) && sent < count) {
         given_up = true;
         break;
@@ -175,6 +182,7 @@ class Upload {
  private:
   FtpConnection* data_;
   FlowAfterTermination flow_;
+  int timeouts_ = 0;  // silent steps in a row
 };
 
 // Both directions start alike: a data record with an open socket.

@@ -98,7 +98,8 @@ constexpr int RestoreCommandFailed = -1;
 // or found nothing to restore, is tolerated rather than failed.
 int RunRestoreCommand(FtpSession* session, const char* command, const char* label) {
   Reply reply;
-  if (Command(session->control, command, &reply) == 0) return RestoreCommandDone;
+  // A restore runs as long as the server needs for the objects: no bound.
+  if (LongCommand(session->control, command, &reply) == 0) return RestoreCommandDone;
   VFAIL("%s command failed\n  %s\n", label, reply.quoted);
   return ClassifyRestoreReply(reply.quoted) >= 1 ? RestoreCommandTolerated : RestoreCommandFailed;
 }
@@ -255,7 +256,8 @@ int RestoreDocuments(FtpSession* session, const char* name, RestoreTimes* times,
     RestoreUpload upload{};
     if (UploadSaveFile(session, false, times, send, argument, &upload) != 0) return -1;
     // Document restores are judged by the reply code alone.
-    int result = Command(session->control, "RCMD RSTDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)");
+    int result =
+        LongCommand(session->control, "RCMD RSTDLO DLO(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)");
     NoteRestoreSeconds(times, upload);
     if (result != 0) {
       VFAIL("RSTDLO command failed\n");
@@ -285,7 +287,7 @@ int RestoreAuthority(FtpSession* session) {
   if (!IsSession(session)) return -1;
   // Nothing is handed to a callback, so the command may always be repeated.
   return RunProtected(session, [&]() -> int {
-    if (Command(session->control, "RCMD RSTAUT USRPRF(*ALL)") != 0) {
+    if (LongCommand(session->control, "RCMD RSTAUT USRPRF(*ALL)") != 0) {
       VFAIL("RSTAUT command failed\n");
       return -1;
     }

@@ -3,6 +3,8 @@
 #include "support/sysio.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +14,7 @@
 #include "support/termination.h"
 
 int PollStepMs = 60000;
+KeepaliveTimes Keepalive;
 
 namespace {
 
@@ -112,6 +115,14 @@ int SetNonBlocking(int descriptor) {
   const int flags = fcntl(descriptor, F_GETFL);
   if (flags < 0) return -1;
   return fcntl(descriptor, F_SETFL, flags | O_NONBLOCK);
+}
+
+int EnableKeepalive(int descriptor) {
+  const int on = 1;
+  if (setsockopt(descriptor, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) != 0) return -1;
+  if (setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, &Keepalive.idle_seconds, sizeof(int)) != 0) return -1;
+  if (setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, &Keepalive.interval_seconds, sizeof(int)) != 0) return -1;
+  return setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPCNT, &Keepalive.probes, sizeof(int));
 }
 
 int OpenFile(const char* path, int flags, mode_t mode) {

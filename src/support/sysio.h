@@ -45,6 +45,25 @@ ssize_t ReceiveWaiting(int descriptor, void* data, size_t length);
 // Makes a socket's reads and writes give EAGAIN instead of blocking. 0, or
 // -1 (errno set).
 int SetNonBlocking(int descriptor);
+// TCP keepalive on every connection to the server, so that a peer that
+// vanished without a word (switched off, cut off by a firewall) is noticed:
+// after a minute of silence a probe goes out every 15 seconds, and eight
+// unanswered probes end the connection (reads fail with ETIMEDOUT, poll
+// reports an error). A few minutes in all; a server busy with a long save
+// still has its TCP stack answer the probes, so such a save is not cut.
+constexpr int KeepaliveIdleSeconds = 60;
+constexpr int KeepaliveIntervalSeconds = 15;
+constexpr int KeepaliveProbes = 8;
+struct KeepaliveTimes {
+  int idle_seconds = KeepaliveIdleSeconds;
+  int interval_seconds = KeepaliveIntervalSeconds;
+  int probes = KeepaliveProbes;
+};
+// The times EnableKeepalive sets. Tests running in-process may shorten them.
+extern KeepaliveTimes Keepalive;
+// Turns keepalive on for a TCP socket with those times. 0, or -1 (errno
+// set) when an option was refused.
+int EnableKeepalive(int descriptor);
 
 // ---- files ---------------------------------------------------------------
 

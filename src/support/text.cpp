@@ -3,6 +3,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 size_t CopyBounded(char* dst, size_t cap, const char* src) {
@@ -48,4 +49,16 @@ double ScaleBinary(double value, char* unit) {
   }
   *unit = letters[step];
   return value;
+}
+
+void WipeBytes(void* data, size_t length) { explicit_bzero(data, length); }
+
+void WipeText(char* text) {
+  if (text) WipeBytes(text, strlen(text));
+}
+
+void WipeAndFree(char** text) {
+  WipeText(*text);
+  free(*text);
+  *text = nullptr;
 }

@@ -4,6 +4,8 @@ broken in mid-transfer, refused re-logins and a stalled transfer. For each
 fault the outcome the program promises is checked, and every archive is
 read back entry by entry."""
 import re
+import socket
+import time
 
 import pytest
 
@@ -12,7 +14,7 @@ import os
 import subprocess
 
 from ctarread import read_archive
-from vlib import backup, creds, has_fail, restore, terminated, vondral
+from vlib import Run, backup, creds, has_fail, restore, terminated, vondral
 
 CTAR = os.environ.get("CTAR_BIN") or str(simlib.repo_root() / "build" / "ctar")
 
@@ -320,3 +322,121 @@ def test_sigterm_during_a_restore_finishes_the_entry_then_stops(sim_factory, tmp
     # Authorities follow profiles even on the way out.
     assert ("RCMD RSTAUT USRPRF(*ALL)" in sim.lines()) == ("/Security Data" in restored)
     FIGURES["survived as promised"] += 1
+
+
+def backup_while(sim, tmp_path, tag, when, meanwhile, *args, timeout=120):
+    """A backup of TREE (-x no, -v1) during which `meanwhile()` runs once the
+    server has seen a command matching `when`; the Run carries .archive,
+    .notbackedup and .seconds."""
+    archive, nbu = tmp_path / (tag + ".ctar"), tmp_path / (tag + ".nbu")
+    with open(nbu, "w") as f:
+        start = time.monotonic()
+        proc = subprocess.Popen([simlib.vondral_bin(), "-s", sim.addr, "-c", creds(), "-b", archive,
+                                 "-n", str(f.fileno()), "-x", "no", "-v1", *map(str, args)],
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, pass_fds=(f.fileno(),))
+        try:
+            deadline = time.monotonic() + 20
+            while not any(re.search(when, c) for c in sim.lines()):
+                assert time.monotonic() < deadline and proc.poll() is None, "never saw " + when
+                time.sleep(0.02)
+            meanwhile()
+            proc.stdout, proc.stderr = proc.communicate(timeout=timeout)
+        finally:
+            if proc.poll() is None:
+                proc.kill()
+                proc.communicate()
+    r = Run(proc)
+    r.seconds = time.monotonic() - start
+    r.archive = archive
+    r.notbackedup = Run.strip(nbu.read_text())
+    return r
+
+
+def test_a_server_restarted_in_mid_backup_costs_at_most_the_object_in_hand(sim_factory, tmp_path):
+    # The server goes away while a save runs and is back three seconds later
+    # on the same address: the session reconnects after pauses of 1, 2, ...
+    # seconds and the backup goes on; the save in hand runs again.
+    FIGURES["faults tried"] += 1
+    sim = sim_factory(tree=TREE, config={"faults": [
+        {"match": "^RCMD SAVDLO", "nth": 1, "action": "delay", "seconds": 1}]})
+
+    def restart():
+        sim.stop()
+        time.sleep(3)
+        sim.start()
+
+    r = backup_while(sim, tmp_path, "restart", "^RCMD SAVDLO", restart)
+    assert has_fail(r.err_lines, "ftp", "recovering checkpoint"), r.err
+    retries = [line for line in r.out_lines
+               if re.fullmatch(r"reconnecting to %s:21 in \d+ s \(retry \d+\)" % re.escape(sim.addr), line)]
+    assert retries[:2] == ["reconnecting to %s:21 in 1 s (retry 1)" % sim.addr,
+                           "reconnecting to %s:21 in 2 s (retry 2)" % sim.addr], r.out
+    assert len(r.notbackedup) <= 1 and set(r.notbackedup) <= {"/QDLS"}, r.notbackedup
+    assert r.status == (2 if r.notbackedup else 0), r.err
+    assert sorted(e.name for e in verified(r.archive)) == sorted(set(OBJECTS) - set(r.notbackedup))
+    FIGURES["survived as promised"] += 1
+
+
+@pytest.mark.slow
+def test_a_server_that_never_comes_back_fails_after_the_timeout(sim_factory, tmp_path):
+    # With -z 1 the session tries for a minute; the object in hand fails,
+    # and every later one fails at once instead of waiting again.
+    FIGURES["faults tried"] += 1
+    sim = sim_factory(tree=TREE, config={"faults": [
+        {"match": "^RCMD SAVDLO", "nth": 1, "action": "delay", "seconds": 1}]})
+    r = backup_while(sim, tmp_path, "gone", "^RCMD SAVDLO", sim.stop, "-z", "1", timeout=200)
+    assert has_fail(r.err_lines, "ftp", "server not back within 1 minutes"), r.err
+    assert 60 <= r.seconds < 100, r.seconds
+    saved = [e.name for e in verified(r.archive)]
+    assert saved == ["/Security Data", "/System Configuration"]
+    assert sorted(r.notbackedup) == sorted(set(OBJECTS) - set(saved))
+    assert r.status == 2, r.err
+    FIGURES["survived as promised"] += 1
+
+
+@pytest.mark.slow
+def test_a_passive_reply_that_never_comes_is_given_up_after_the_timeout(sim_factory, tmp_path):
+    # PASV of the first retrieval is never answered: with -z 1 the wait ends
+    # after a minute with both connections dropped, that object fails and
+    # the session, recovered, goes on with the others.
+    FIGURES["faults tried"] += 1
+    # The listing walk's PASVs come first (session 1); a baseline counts them.
+    baseline = sim_factory(tree=TREE)
+    assert backup(baseline, tmp_path, "-x", "no", tag="pasv-baseline").status == 0
+    listing = sum(1 for rec in baseline.commands() if rec["session"] == 1 and rec["cmd"] == "PASV")
+    sim = sim_factory(tree=TREE, config={"faults": [
+        {"match": "^PASV$", "nth": listing + 1, "action": "delay", "seconds": 150}]})
+    r = backup(sim, tmp_path, "-x", "no", "-z", "1", tag="pasv", timeout=200)
+    assert has_fail(r.err_lines, "socket", "no reply to PASV within 1 minutes: connection given up"), r.err
+    assert has_fail(r.err_lines, "ftp", "recovering checkpoint"), r.err
+    assert r.notbackedup == ["/Security Data"]
+    assert len(verified(r.archive)) == 4
+    assert r.status == 2, r.err
+    FIGURES["survived as promised"] += 1
+
+
+@pytest.mark.slow
+def test_a_connect_that_is_never_answered_ends_at_the_timeout(tmp_path):
+    # A listener whose queue is full: Linux drops every further SYN, so the
+    # connect is neither accepted nor refused. With -z 1 it ends after a
+    # minute (the kernel alone would go on for two).
+    addr = simlib.next_address()
+    listener = socket.socket()
+    listener.bind((addr, 21))
+    listener.listen(0)
+    fillers = []
+    for _ in range(3):
+        filler = socket.socket()
+        filler.setblocking(False)
+        filler.connect_ex((addr, 21))
+        fillers.append(filler)
+    try:
+        start = time.monotonic()
+        r = vondral("-s", addr, "-c", creds(), "-t", "-z", "1", timeout=200)
+        seconds = time.monotonic() - start
+    finally:
+        for s in fillers + [listener]:
+            s.close()
+    assert r.status == 255, r.err
+    assert has_fail(r.err_lines, "socket", "connect(, %s:21): Connection timed out" % addr), r.err
+    assert 55 <= seconds < 100, seconds

@@ -1,6 +1,9 @@
 """Logging in: the test mode, refused logins and the mode choice."""
 import re
+import subprocess
+import time
 
+import simlib
 from vlib import creds, has_fail, vondral
 
 LOGIN = ["USER qsecofr", "PASS secret", "CWD /", "SYST", "TIME 86400 86400"]
@@ -73,3 +76,32 @@ def test_unknown_host_and_closed_port(sim_factory):
     assert r.status == 255
     assert has_fail(r.err_lines, "socket", "connect(, %s:21): Connection refused" % sim.addr)
     assert "Total Run Time" not in r.out
+
+
+def test_the_passphrase_given_here_is_gone_from_the_process_arguments(sim_factory):
+    # ps and /proc/PID/cmdline show every user the arguments of a process:
+    # once read, the passphrase of "here" is overwritten in place, while the
+    # user name and the rest of the command line stay readable.
+    password = "Sup3r-S3cret-Phrase"
+    sim = sim_factory(config={"users": {"qsecofr": password},
+                              "faults": [{"match": "^SYST$", "action": "delay", "seconds": 3}]})
+    proc = subprocess.Popen([simlib.vondral_bin(), "-s", sim.addr, "-c", creds(password=password), "-t"],
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    try:
+        deadline = time.monotonic() + 10
+        while "SYST" not in sim.lines():
+            assert time.monotonic() < deadline and proc.poll() is None, "the login never reached SYST"
+            time.sleep(0.02)
+        with open("/proc/%d/cmdline" % proc.pid, "rb") as f:
+            shown = f.read()
+        out, err = proc.communicate(timeout=20)
+    finally:
+        if proc.poll() is None:
+            proc.kill()
+            proc.communicate()
+    assert proc.returncode == 0, err
+    assert password.encode() not in shown
+    assert b"qsecofr:here:" in shown
+    assert sim.addr.encode() in shown
+    # The server got the real passphrase all the same.
+    assert "PASS " + password in sim.lines()

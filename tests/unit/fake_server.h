@@ -27,12 +27,14 @@
 #include "net/data_connection.h"
 #include "net/reply_reader.h"
 
-inline int ListenLoopback(sockaddr_in* address) {
+// Listens on loopback, on `port` (network order) or a free one (0).
+inline int ListenLoopback(sockaddr_in* address, in_port_t port = 0) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
   int on = 1;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in a{};
   a.sin_family = AF_INET;
+  a.sin_port = port;
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
   listen(fd, 8);
@@ -121,9 +123,11 @@ using PeerScript = std::function<bool(PeerConnection&, const std::string& comman
 
 class FakeFtpServer {
  public:
-  explicit FakeFtpServer(PeerScript script, std::string greeting = "220 fake ready\r\n")
+  // port (network order): where a server stopped before listened again; 0
+  // for a free one.
+  explicit FakeFtpServer(PeerScript script, std::string greeting = "220 fake ready\r\n", in_port_t port = 0)
       : script_(std::move(script)), greeting_(std::move(greeting)) {
-    listener_ = ListenLoopback(&address_);
+    listener_ = ListenLoopback(&address_, port);
     thread_ = std::thread([this] { Serve(); });
   }
   ~FakeFtpServer() {

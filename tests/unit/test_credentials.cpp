@@ -2,10 +2,12 @@
 // passphrase (here, env, fd, file) and the messages of every refusal.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "cli/credentials.h"
@@ -133,6 +135,50 @@ TEST_F(CredentialsTest, FileFormTruncationRules) {
       EXPECT_EQ(err, "");
     unlink(name.c_str());
   }
+}
+
+// The passphrase of a "here" argument is overwritten in place (the
+// argument is the process's own, shown by ps), whatever the case of the
+// keyword; the user name and the keyword stay, and the other forms, which
+// carry no secret, are left as they are.
+TEST(HidePassphraseArgument, OnlyTheHereFormLosesItsKey) {
+  struct Case {
+    const char* argument;
+    size_t kept;  // characters left as they were; the rest become zero bytes
+  };
+  const Case cases[] = {
+      {"qsecofr:here:Sup3rS3cret", 13}, {"u:HeRe:a:b:c", 7},  {"u:here:", 7},
+      {":here:x", 6},                   {"u:env:VONDRAL_PASS", 18}, {"u:fd:3", 6},
+      {"u:file:/etc/key", 15},          {"nocolon", 7},       {"u:heree", 7},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.argument);
+    std::string argument = c.argument;
+    HidePassphraseArgument(argument.data());
+    const std::string expected =
+        std::string(c.argument, c.kept) + std::string(strlen(c.argument) - c.kept, '\0');
+    EXPECT_EQ(argument, expected);
+  }
+}
+
+TEST_F(CredentialsTest, ForgettingThePassphraseLeavesNone) {
+  Run("u:here:pw", 0);
+  ASSERT_STREQ(Settings.passphrase, "pw");
+  ForgetPassphrase();
+  EXPECT_EQ(Settings.passphrase, nullptr);
+  ForgetPassphrase();  // twice is harmless
+  EXPECT_EQ(Settings.passphrase, nullptr);
+}
+
+// In a child, which alone is changed: dumpable before, not after.
+TEST(KeepMemoryPrivate, TheProcessBecomesNonDumpable) {
+  EXPECT_EXIT(
+      {
+        if (prctl(PR_GET_DUMPABLE) != 1) _exit(2);
+        if (KeepMemoryPrivate() != 0) _exit(3);
+        _exit(prctl(PR_GET_DUMPABLE) == 0 ? 7 : 4);
+      },
+      ::testing::ExitedWithCode(7), "");
 }
 
 }  // namespace

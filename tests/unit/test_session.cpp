@@ -3,12 +3,17 @@
 #define VONDRAL_ARCHIVE_HELPERS
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <csignal>
+#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
 
 #include "archive/writer.h"
+#include "cli/settings.h"
 #include "fake_server.h"
 #include "ftp/checkpoint.h"
 #include "ftp/data_command.h"
@@ -16,6 +21,8 @@
 #include "ftp/reply_judge.h"
 #include "ftp/session.h"
 #include "ftp/transfer_settings.h"
+#include "support/sysio.h"
+#include "support/termination.h"
 #include "test_helpers.h"
 
 namespace {
@@ -278,6 +285,114 @@ TEST_F(SessionTest, RefusedReloginEndsTheOperation) {
   EXPECT_TRUE(session->checkpoint_flags & CHECKPOINT_ARMED);
   EXPECT_EQ(Command(session->control, "NOOP"), -1);
   EXPECT_NE(err.Text().find("jump buffer invalid"), std::string::npos);
+}
+
+// Recovery waits for a server that went away (restarted, say) for up to
+// --timeout in all, the tries spaced 1, 2, 4, ... sixtieths of a poll step
+// apart (seconds, with the step of a minute; here the step is 600 ms and
+// the limit one step). A server back in time costs nothing; one that stays
+// away fails the operation at the limit, and later recoveries on the same
+// session try once without waiting again.
+TEST_F(SessionTest, RecoveryWaitsForTheServerToComeBackWithinTheTimeout) {
+  struct Case {
+    int back_after_ms;  // -1: never
+    int result;
+    int runs;
+  };
+  const Case cases[] = {{150, 0, 2}, {-1, -1, 1}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.back_after_ms);
+    PollStepMs = 600;
+    Settings.timeout_minutes = 1;
+    Settings.verbosity = 1;
+    auto first = std::make_unique<FakeFtpServer>(LoginScript());
+    const in_port_t port = first->address().sin_port;
+    ASSERT_NE(Open(*first), nullptr);
+    ASSERT_EQ(Login(session, "u", "p"), 0);
+    std::unique_ptr<FakeFtpServer> second;
+    std::thread restart;
+    int runs = 0;
+    StderrCapture err;
+    StdoutCapture out;
+    const auto start = std::chrono::steady_clock::now();
+    int result = RunProtected(session, [&] {
+      if (runs++ == 0) {
+        first.reset();  // the server goes away, its port refuses connections
+        if (c.back_after_ms >= 0)
+          restart = std::thread([&] {
+            usleep(static_cast<useconds_t>(c.back_after_ms) * 1000);
+            second = std::make_unique<FakeFtpServer>(LoginScript(), "220 back\r\n", port);
+          });
+      }
+      return Command(session->control, "NOOP");
+    });
+    const auto took = std::chrono::steady_clock::now() - start;
+    if (restart.joinable()) restart.join();
+    EXPECT_EQ(result, c.result);
+    EXPECT_EQ(runs, c.runs);
+    const std::string text = out.Text();
+    const std::string shown = "reconnecting to 127.0.0.1:" + std::to_string(ntohs(port));
+    EXPECT_NE(text.find(shown + " in 0.01 s (retry 1)\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(shown + " in 0.02 s (retry 2)\n"), std::string::npos) << text;
+    if (c.result == 0) {
+      EXPECT_LT(took, std::chrono::milliseconds(600));
+      EXPECT_EQ(err.Text().find("server not back"), std::string::npos) << err.Text();
+      EXPECT_EQ(second->Commands().back(), "NOOP");
+    } else {
+      // Every pause but the last doubles; the last ends at the limit.
+      EXPECT_NE(text.find(shown + " in 0.16 s (retry 5)\n"), std::string::npos) << text;
+      EXPECT_EQ(text.find("(retry 7)"), std::string::npos) << text;
+      EXPECT_GE(took, std::chrono::milliseconds(600));
+      EXPECT_LT(took, std::chrono::milliseconds(1500));
+      EXPECT_TRUE(std::regex_search(err.Text(), std::regex(R"(\[ftp\.cpp,\d+\]: server not back within 1 minutes\n)")))
+          << err.Text();
+      // The next operation's recovery tries once and does not wait.
+      const size_t lines = std::count(text.begin(), text.end(), '\n');
+      const auto again = std::chrono::steady_clock::now();
+      EXPECT_EQ(RunProtected(session, [&] { return Command(session->control, "NOOP"); }), -1);
+      EXPECT_LT(std::chrono::steady_clock::now() - again, std::chrono::milliseconds(200));
+      const std::string later = out.Text();
+      EXPECT_EQ(static_cast<size_t>(std::count(later.begin(), later.end(), '\n')), lines) << later;
+    }
+    PollStepMs = 60000;
+    Settings.verbosity = 0;
+    Settings.timeout_minutes = 8;
+    Quit(session);
+    session = nullptr;
+  }
+}
+
+// A termination request cuts the pause before the next try short: a run
+// that is ending does not wait for the server. In a child, which has the
+// request's wake-up pipe; the exit status says which check failed (7: none).
+int RecoveryEndedByARequest() {
+  if (OpenTerminationWake() != 0) return 2;
+  Settings.timeout_minutes = 8;  // pauses of a second and more
+  auto server = std::make_unique<FakeFtpServer>(LoginScript());
+  FtpSession* session = NewSessionTo(server->address());
+  if (!session || Login(session, "u", "p") != 0) return 3;
+  StderrCapture err;
+  std::thread request;
+  const auto start = std::chrono::steady_clock::now();
+  int result = RunProtected(session, [&] {
+    server.reset();
+    request = std::thread([] {
+      usleep(200000);
+      RequestTermination(SIGTERM);
+    });
+    return Command(session->control, "NOOP");
+  });
+  const auto took = std::chrono::steady_clock::now() - start;
+  request.join();
+  if (result != -1) return 4;
+  if (took > std::chrono::milliseconds(800)) return 5;
+  if (!std::regex_search(err.Text(), std::regex(R"(\[ftp\.cpp,\d+\]: termination requested: not recovering\n)")))
+    return 6;
+  return 7;
+}
+
+TEST_F(SessionTest, ATerminationRequestEndsTheWaitForTheServer) {
+  EXPECT_EXIT(_exit(RecoveryEndedByARequest()), ::testing::ExitedWithCode(7), "");
 }
 
 TEST_F(SessionTest, OutsideAnyProtectedOperationTheCommandSimplyFails) {

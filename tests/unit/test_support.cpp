@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <cstring>
 #include <regex>
 #include <string>
 #include <thread>
@@ -91,6 +92,29 @@ TEST(BoundedText, CopyAndAppendNeverOverrunAndReportTheFullLength) {
   char formatted[6];
   EXPECT_EQ(FormatBounded(formatted, sizeof formatted, "%s-%d", "xyz", 123), 7);
   EXPECT_STREQ(formatted, "xyz-1");
+}
+
+// A secret is overwritten with zero bytes up to its terminator; what lies
+// beyond it is not touched, and a missing text is no error.
+TEST(Wiping, TextIsZeroedUpToItsTerminatorAndHeapCopiesAreFreed) {
+  const char* cases[] = {"Sup3rS3cret", "x", "", "with blanks and: colons"};
+  for (const char* text : cases) {
+    SCOPED_TRACE(text);
+    const size_t length = strlen(text);
+    std::string buffer = std::string(text) + '\0' + "after";
+    WipeText(buffer.data());
+    EXPECT_EQ(buffer, std::string(length, '\0') + '\0' + "after");
+    char* copy = strdup(text);
+    WipeAndFree(&copy);
+    EXPECT_EQ(copy, nullptr);
+  }
+  char* none = nullptr;
+  WipeText(none);
+  WipeAndFree(&none);
+  EXPECT_EQ(none, nullptr);
+  char bytes[6] = {'a', 'b', 'c', 'd', 'e', 'f'};
+  WipeBytes(bytes + 1, 4);
+  EXPECT_EQ(std::string(bytes, 6), std::string("a\0\0\0\0f", 6));
 }
 
 TEST(Scaling, DecimalStepsAbove2000AndBinaryAbove2048) {
