@@ -78,19 +78,20 @@ def test_simulator_moves_data_under_tls_resuming_the_control_session(sim_factory
     assert passive == ["EPSV" if addr else "PASV"] * 3
 
 
+@pytest.mark.parametrize("mode", MODES)
 @pytest.mark.parametrize("cert, cafile, error", [
     ("expired", True, "certificate has expired"),
     ("wrong_name", True, "IP address mismatch"),
     ("self_signed", True, "self-signed certificate"),
     ("good", False, "unable to get local issuer certificate"),
 ])
-def test_simulator_certificates_fail_verification_as_named(sim_factory, tls_certs, cert, cafile,
-                                                           error):
-    sim = tls_sim(sim_factory, tls_certs, cert=cert)
+def test_simulator_certificates_fail_verification_as_named(sim_factory, tls_certs, mode, cert,
+                                                           cafile, error):
+    sim = tls_sim(sim_factory, tls_certs, mode, cert=cert)
     ctx = ssl.create_default_context(**({"cafile": str(tls_certs.ca)} if cafile else {}))
-    f = simlib.ResumingFTP_TLS(context=ctx, timeout=10)
-    f.connect(sim.addr, sim.port)
+    f = simlib.ResumingFTP_TLS(context=ctx, timeout=10, implicit=mode == "implicit")
     with pytest.raises(ssl.SSLCertVerificationError, match=error):
+        f.connect(sim.addr, sim.port)
         f.auth()
     f.close()
     sim.wait_sessions_ended()
