@@ -139,7 +139,7 @@ void* BackupWorker(void* argument) {
       return nullptr;
     }
     uint32_t number = RegisterThread(-1);
-    FtpSession* session = NewSession(Settings.server, "ftp");
+    FtpSession* session = NewSession(Settings.server, ControlService());
     if (session && Login(session, Settings.user, Settings.passphrase) != 0) {
       VFAIL("login failed\n");
       Quit(session);

@@ -6,6 +6,7 @@
 
 #include <getopt.h>
 #include <strings.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
@@ -31,9 +32,16 @@ namespace {
 struct OptionRow {
   const char* name;
   int has_arg;  // no_argument, required_argument, optional_argument
-  char letter;
+  int letter;   // beyond LastShortOption: a long option only
   const char* help;
 };
+
+// Options added after the first set have no short letter; their values lie
+// beyond every character.
+constexpr int LastShortOption = 0x7F;
+constexpr int TlsOption = 0x100;
+constexpr int TlsImplicitOption = 0x101;
+constexpr int CacertOption = 0x102;
 
 // The order of this table fixes the short-option string and the usage text.
 const OptionRow Options[] = {
@@ -83,6 +91,15 @@ const OptionRow Options[] = {
      "or enter -1 to wait indefinately"},
     {"threading", required_argument, 'x', "Follow with 0 to disable threading"},
     {"timeout", required_argument, 'z', "Timeout to wait for response in minutes"},
+    {"tls", no_argument, TlsOption,
+     "Encrypt the connections with explicit TLS (AUTH TLS on the FTP port); the "
+     "server's certificate must be trusted and name the server."},
+    {"tls-implicit", no_argument, TlsImplicitOption,
+     "Encrypt the connections with implicit TLS, from the first byte, on the ftps "
+     "port (990)."},
+    {"cacert", required_argument, CacertOption,
+     "Follow with a PEM file of the CA certificates to trust for TLS instead of "
+     "the system's."},
 };
 constexpr int OptionCount = sizeof(Options) / sizeof(Options[0]);
 
@@ -236,6 +253,27 @@ int SetTimeout(const char* argument) {
   return 0;
 }
 
+// --tls and --tls-implicit: one way of encrypting, asked for once.
+int SetTls(TlsMode mode, const char* option) {
+  if (Settings.tls_mode != TlsOff && Settings.tls_mode != mode) {
+    LogMessageTo(stderr, "%s: --%s: only one of --tls and --tls-implicit may be given\n", ProgramName, option);
+    return -1;
+  }
+  Settings.tls_mode = mode;
+  return 0;
+}
+
+// --cacert: the file must be there to read now, not fail the first
+// connection after the run has started.
+int SetCacert(const char* path) {
+  if (access(path, R_OK) != 0) {
+    LogMessageTo(stderr, "%s: --cacert %s: %s\n", ProgramName, path, strerror(errno));
+    return -1;
+  }
+  Settings.cacert = path;
+  return 0;
+}
+
 int CopyArgument(char** slot, const char* argument, const char* what) {
   *slot = strdup(argument);
   if (!*slot) {
@@ -266,6 +304,9 @@ int HandleOption(int letter, const char* argument) {
     case 'w': return SetWait(argument);
     case 'x': return SetYesNo(&Settings.threading, "threading", argument);
     case 'z': return SetTimeout(argument);
+    case TlsOption: return SetTls(TlsExplicit, "tls");
+    case TlsImplicitOption: return SetTls(TlsImplicit, "tls-implicit");
+    case CacertOption: return SetCacert(argument);
     case '?': return -1;  // getopt_long has already said what was wrong
     default:
       LogMessageTo(stderr, "%s: getopt(): ", ProgramName);
@@ -335,13 +376,19 @@ int ParseOptions(int argc, char** argv) {
       state = -1;
   }
   free(short_options);
+  // Trusting a CA means nothing without TLS: the operator meant to encrypt.
+  if (state == 0 && Settings.cacert && Settings.tls_mode == TlsOff) {
+    LogMessageTo(stderr, "%s: --cacert needs --tls or --tls-implicit\n", ProgramName);
+    state = -1;
+  }
   return state;
 }
 
 void BuildShortOptions(char* out, size_t capacity) {
   size_t used = 0;
   for (int i = 0; i < OptionCount && used + 4 <= capacity; i++) {
-    out[used++] = Options[i].letter;
+    if (Options[i].letter > LastShortOption) continue;
+    out[used++] = static_cast<char>(Options[i].letter);
     if (Options[i].has_arg != no_argument) out[used++] = ':';
     if (Options[i].has_arg == optional_argument) out[used++] = ':';
   }
@@ -359,7 +406,9 @@ void Usage() {
     char line[256];
     int pad = static_cast<int>(width - 12 - strlen(row.name));
     size_t used = static_cast<size_t>(
-        FormatBounded(line, sizeof line, "  -%c, --%s %*s:  ", row.letter, row.name, pad, ""));
+        row.letter > LastShortOption
+            ? FormatBounded(line, sizeof line, "      --%s %*s:  ", row.name, pad, "")
+            : FormatBounded(line, sizeof line, "  -%c, --%s %*s:  ", row.letter, row.name, pad, ""));
     if (!row.help || !*row.help) {
       LogMessageTo(stderr, "%s\n", line);
       continue;

@@ -4,6 +4,9 @@
 #include <cstdint>
 #include <cstdio>
 
+// Whether and how the connections are encrypted.
+enum TlsMode : uint8_t { TlsOff = 0, TlsExplicit = 1, TlsImplicit = 2 };
+
 // Run-wide settings. Written only while the options are parsed, before any
 // thread but the signal thread exists; read without locks afterwards.
 struct RunSettings {
@@ -28,6 +31,8 @@ struct RunSettings {
   const char* wait_text = nullptr;  // the save command uses "120" without it
   int verbosity = 0;
   int test_count = 0;
+  TlsMode tls_mode = TlsOff;
+  const char* cacert = nullptr;  // PEM file of trusted CAs; nullptr: the system's store
 };
 
 extern RunSettings Settings;

@@ -104,7 +104,7 @@ int PrepareArchiveBeforeLogin() {
 // Connects and logs in; nullptr (the archive file given up) when either
 // failed.
 FtpSession* LogIn() {
-  FtpSession* session = NewSession(Settings.server, "ftp");
+  FtpSession* session = NewSession(Settings.server, ControlService());
   if (!session) {
     DiscardArchiveFile();
     return nullptr;

@@ -10,13 +10,14 @@ static constexpr const char* kModule = "socket.cpp";
 
 int OpenPassiveConnection(FtpSession* session) {
   Reply reply;
-  int result = Command(session->control, "PASV", &reply);
+  const char* passive = PassiveCommand(session->control);
+  int result = Command(session->control, passive, &reply);
   if (result == 0 && ConnectDataConnection(session->control, reply.line) != 0) {
     VFAIL("can't connect data port\n");
     result = -1;
   }
   if (result != 0) {
-    VFAIL("PASV command failed\n");
+    VFAIL("%s command failed\n", passive);
     return -1;
   }
   return 0;

@@ -96,7 +96,10 @@ FtpSession* NewSession(const char* host, const char* service) {
 FtpSession* NewSessionTo(const sockaddr_in& peer) {
   FtpSession* session = NewSessionRecord();
   if (!session) return nullptr;
-  return Finish(session, OpenConnectionsTo(session, peer, 0));
+  SocketAddress address{};
+  address.v4 = peer;
+  address.v4.sin_family = AF_INET;
+  return Finish(session, OpenConnectionsTo(session, address, 0));
 }
 
 int Login(FtpSession* session, const char* user, const char* password) {
@@ -113,6 +116,7 @@ int Login(FtpSession* session, const char* user, const char* password) {
     return -1;
   }
   if (SendCredential(session, "PASS", password, "password") != 0) return -1;
+  if (ProtectDataConnections(session->control) != 0) return -1;
   if (Command(session->control, "CWD /") != 0) {
     VFAIL("CWD / command failed\n");
     return -1;

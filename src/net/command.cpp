@@ -11,6 +11,7 @@
 #include "cli/settings.h"
 #include "ftp/checkpoint.h"
 #include "net/reply_reader.h"
+#include "net/stream.h"
 #include "support/log.h"
 #include "support/sysio.h"
 #include "support/termination.h"
@@ -41,7 +42,7 @@ class Exchange {
         if (transfer_) CloseDataSocket(data_);
         return -1;
       }
-      int ready = PollStep(set_, entries_, step);
+      int ready = StreamPoll(set_, records_, entries_, step);
       if (ready < 0) {
         VFAIL("poll(): %s\n", strerror(errno));
         return -1;
@@ -60,14 +61,19 @@ class Exchange {
         }
         waited_ = 0;
       }
-      if (awaiting_ || DataOpen()) continue;
+      if (awaiting_ || DataLive()) continue;
       break;
     }
+    // A data connection never begun (the server refused the command at
+    // once) belongs to no transfer: the next command makes a fresh one.
+    if (DataOpen()) CloseDataSocket(data_);
     return failure_;
   }
 
  private:
   bool DataOpen() const { return transfer_ && data_->descriptor >= 0; }
+  // The data connection may be used: open, and (under TLS) begun.
+  bool DataLive() const { return DataOpen() && !StreamAwaitsStart(data_); }
 
   // Fills the poll set. false when the control connection is gone (the
   // failure is then the checkpoint's answer).
@@ -82,16 +88,18 @@ class Exchange {
         return false;
       }
       set_[entries_] = {control_->descriptor, POLLIN | POLLPRI, 0};
+      records_[entries_] = control_;
       control_entry_ = static_cast<int>(entries_++);
       if (Settings.verbosity >= 4) VFAIL("'%c': looking for completion reply\n", '1');
     }
-    if (DataOpen()) {
+    if (DataLive()) {
       short events = transfer_->receive ? (POLLIN | POLLPRI) : POLLOUT;
       if (entries_ > 0 && set_[entries_ - 1].fd == data_->descriptor) {
         set_[entries_ - 1].events |= events;
         data_entry_ = static_cast<int>(entries_ - 1);
       } else {
         set_[entries_] = {data_->descriptor, events, 0};
+        records_[entries_] = data_;
         data_entry_ = static_cast<int>(entries_++);
       }
       if (Settings.verbosity >= 4) {
@@ -116,6 +124,7 @@ class Exchange {
       }
       CopyBounded(reply_->line, sizeof reply_->line, got);
       awaiting_ = got[0] == '1';
+      if (awaiting_ && DataOpen()) StreamBegin(data_);
       if (result == 1) {
         CopyBounded(reply_->quoted, sizeof reply_->quoted, got);
         // Whichever failure came first is the one reported: a transfer
@@ -165,6 +174,7 @@ class Exchange {
   int failure_ = 0;
   long waited_ = 0;
   struct pollfd set_[2];
+  FtpConnection* records_[2] = {};
   nfds_t entries_ = 0;
   int control_entry_ = -1;
   int data_entry_ = -1;
@@ -195,10 +205,10 @@ int SendCommandLine(FtpConnection* control, const char* command) {
     return -1;
   }
   size_t sent = 0;
-  if (SendFull(control->descriptor, line, static_cast<size_t>(length), &sent) < 0) {
+  if (StreamSendFull(control, line, static_cast<size_t>(length), &sent) < 0) {
     VFAIL("write(%s:%d,, %d): %s\n", control->peer_text, Port(control->peer), length - static_cast<int>(sent),
           strerror(errno));
-    CloseDescriptor(&control->descriptor);
+    StreamClose(control, false);
     return AbortToCheckpoint(control->owner);
   }
   if (Settings.verbosity >= 3) LogMessage("%s: sent command \"%s\"\n", ProgramName, ShownCommand(command));

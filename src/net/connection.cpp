@@ -9,13 +9,18 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 
 #include "cli/settings.h"
 #include "ftp/checkpoint.h"
+#include "net/command.h"
 #include "net/reply_reader.h"
+#include "net/stream.h"
+#include "net/tls.h"
 #include "support/log.h"
+#include "support/text.h"
 #include "support/sysio.h"
 
 // The module this file reports as in failure messages.
@@ -42,8 +47,29 @@ FtpConnection* NewRecord(const char* tag) {
 
 int Port(const sockaddr_in& address) { return ntohs(address.sin_port); }
 
+int Port(const SocketAddress& address) {
+  return ntohs(address.any.sa_family == AF_INET6 ? address.v6.sin6_port : address.v4.sin_port);
+}
+
+socklen_t AddressLength(const SocketAddress& address) {
+  return address.any.sa_family == AF_INET6 ? sizeof address.v6 : sizeof address.v4;
+}
+
+void AddressText(const SocketAddress& address, char* text, size_t size) {
+  char shown[INET6_ADDRSTRLEN] = "";
+  if (address.any.sa_family == AF_INET6) {
+    inet_ntop(AF_INET6, &address.v6.sin6_addr, shown, sizeof shown);
+    FormatBounded(text, size, "[%s]", shown);
+  } else {
+    inet_ntop(AF_INET, &address.v4.sin_addr, shown, sizeof shown);
+    CopyBounded(text, size, shown);
+  }
+}
+
+const char* ControlService() { return Settings.tls_mode == TlsImplicit ? "ftps" : "ftp"; }
+
 int ControlFailed(FtpConnection* control) {
-  CloseDescriptor(&control->descriptor);
+  StreamClose(control, false);
   control->reply_held = 0;
   control->lines_held = 0;
   return AbortToCheckpoint(control->owner);
@@ -51,7 +77,7 @@ int ControlFailed(FtpConnection* control) {
 
 int AbandonConnections(FtpConnection* control) {
   if (IsDataRecord(control->data)) CloseDataSocket(control->data);
-  CloseDescriptor(&control->descriptor);
+  StreamClose(control, false);
   return AbortToCheckpoint(control->owner);
 }
 
@@ -63,82 +89,109 @@ bool IsDataRecord(const FtpConnection* record) {
   return record && memcmp(record->tag, "ftpd", 4) == 0;
 }
 
-void CloseDataSocket(FtpConnection* data) { CloseDescriptor(&data->descriptor); }
+void CloseDataSocket(FtpConnection* data) { StreamClose(data, false); }
 
-FtpConnection* OpenConnections(FtpSession* session, const char* host, const char* service) {
-  sockaddr_in peer{};
-  peer.sin_family = AF_INET;
-  int protocol = 0;
-  {
-    std::lock_guard<std::mutex> hold(NameServiceLock);
-    struct hostent* entry = gethostbyname(host);
-    if (!entry) {
-      VFAIL("gethostbyname(%s): %s\n", host, hstrerror(h_errno));
-      endhostent();
-      return nullptr;
-    }
-    if (entry->h_length != 4) {
-      VFAIL("gethostbyname(%s) address length (%d) != %d\n", host, entry->h_length, 4);
-      endhostent();
-      return nullptr;
-    }
-    memcpy(&peer.sin_addr, entry->h_addr_list[0], 4);
-    endhostent();
-    struct servent* serv = getservbyname(service, "tcp");
-    if (!serv) {
-      VFAIL("getservbyname(%s)\n", service);
-      endservent();
-      return nullptr;
-    }
-    peer.sin_port = static_cast<in_port_t>(serv->s_port);
-    struct protoent* proto = getprotobyname(serv->s_proto);
-    if (!proto) {
-      VFAIL("getprotobyname(%s)\n", serv->s_proto);
-      endprotoent();
-      endservent();
-      return nullptr;
-    }
-    protocol = proto->p_proto;
-    endprotoent();
-    endservent();
-  }
-  return OpenConnectionsTo(session, peer, protocol);
+void FinishDataSocket(FtpConnection* data) { StreamClose(data, true); }
+
+namespace {
+
+// An IPv6 literal may come in brackets, as in URLs; the name service takes
+// it without them.
+void BareHost(const char* host, char* bare, size_t size) {
+  const size_t length = strlen(host);
+  if (length >= 2 && host[0] == '[' && host[length - 1] == ']')
+    FormatBounded(bare, size, "%.*s", static_cast<int>(length - 2), host + 1);
+  else
+    CopyBounded(bare, size, host);
 }
 
-FtpConnection* OpenConnectionsTo(FtpSession* session, const sockaddr_in& peer, int protocol) {
+}  // namespace
+
+FtpConnection* OpenConnections(FtpSession* session, const char* host, const char* service) {
+  char bare[256];
+  BareHost(host, bare, sizeof bare);
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  int resolved;
+  {
+    std::lock_guard<std::mutex> hold(NameServiceLock);
+    resolved = getaddrinfo(bare, service, &hints, &found);
+  }
+  if (resolved != 0) {
+    VFAIL("getaddrinfo(%s, %s): %s\n", bare, service, resolved == EAI_SYSTEM ? strerror(errno) : gai_strerror(resolved));
+    return nullptr;
+  }
+  // Every address the name has is tried in turn, as the resolver orders
+  // them; each that fails says why.
+  FtpConnection* control = nullptr;
+  for (addrinfo* at = found; at && !control; at = at->ai_next) {
+    if (at->ai_family != AF_INET && at->ai_family != AF_INET6) continue;
+    SocketAddress peer{};
+    memcpy(&peer, at->ai_addr, std::min<size_t>(at->ai_addrlen, sizeof peer));
+    control = OpenConnectionsTo(session, peer, at->ai_protocol, bare);
+  }
+  freeaddrinfo(found);
+  return control;
+}
+
+FtpConnection* OpenConnectionsTo(FtpSession* session, const SocketAddress& peer, int protocol, const char* host) {
   FtpConnection* control = NewRecord("ftpc");
   if (!control) return nullptr;
   control->owner = session;
   control->peer = peer;
-  control->peer.sin_family = AF_INET;
   control->protocol = protocol;
   control->reply_capacity = ReplyBufferSize;
+  if (host) CopyBounded(control->host, sizeof control->host, host);
   if (ConnectControl(control) != 0) {
     VFAIL("couldn't open control connection\n");
     CloseConnection(control);
     return nullptr;
   }
   FtpConnection* data = NewRecord("ftpd");
-  if (data) {
-    std::lock_guard<std::mutex> hold(NameServiceLock);
-    struct protoent* proto = getprotobyname("tcp");
-    if (!proto) {
-      VFAIL("getprotobyname(%s)\n", "tcp");
-      free(data);
-      data = nullptr;
-    } else {
-      data->protocol = proto->p_proto;
-    }
-    endprotoent();
-  }
   if (!data) {
     VFAIL("couldn't create data port\n");
     CloseConnection(control);
     return nullptr;
   }
+  data->protocol = protocol;
   control->data = data;
   return control;
 }
+
+namespace {
+
+// Reads the greeting, with any further lines that came with it.
+int ReadGreeting(FtpConnection* control) {
+  control->reply_held = 0;
+  control->lines_held = 0;
+  char line[ReplyBufferSize];
+  do {
+    if (ReadReply(control, line) != 0) return -1;
+  } while (control->lines_held > 0);
+  return 0;
+}
+
+// Explicit TLS: AUTH TLS, which must be answered 234, then the handshake.
+// Nothing else is sent on a connection where either fails: the login that
+// would follow is never sent in clear.
+int SecureByAuth(FtpConnection* control) {
+  if (SendCommandLine(control, "AUTH TLS") != 0) return -1;
+  char line[ReplyBufferSize];
+  do {
+    if (ReadReply(control, line) < 0) return -1;
+  } while (line[0] == '1' || control->lines_held > 0);
+  if (strncmp(line, "234", 3) != 0) {
+    char quoted[QuotedReplySize];
+    CopyBounded(quoted, sizeof quoted, line);
+    VFAIL("AUTH TLS refused: %s\n", quoted);
+    return -1;
+  }
+  return StartControlTls(control);
+}
+
+}  // namespace
 
 int ConnectControl(FtpConnection* control) {
   if (!IsControlRecord(control)) return -1;
@@ -146,44 +199,54 @@ int ConnectControl(FtpConnection* control) {
     VFAIL("reopening open control connection\n");
     return -1;
   }
-  int descriptor = socket(AF_INET, SOCK_STREAM, control->protocol);
+  int descriptor = socket(control->peer.any.sa_family, SOCK_STREAM, control->protocol);
   if (descriptor < 0) {
     VFAIL("socket(): %s\n", strerror(errno));
     return -1;
   }
-  int connected = ConnectWithin(descriptor, reinterpret_cast<sockaddr*>(&control->peer), sizeof control->peer,
-                                Settings.timeout_minutes);
+  char shown[AddressTextSize];
+  AddressText(control->peer, shown, sizeof shown);
+  int connected = ConnectWithin(descriptor, &control->peer.any, AddressLength(control->peer), Settings.timeout_minutes);
   if (connected != 0) {
-    char shown[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &control->peer.sin_addr, shown, sizeof shown);
     VFAIL("connect(, %s:%d): %s\n", shown, Port(control->peer), strerror(errno));
     CloseDescriptor(&descriptor);
     control->descriptor = -1;
     return -1;
   }
   socklen_t length = sizeof control->peer;
-  if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&control->peer), &length) != 0) {
+  if (getpeername(descriptor, &control->peer.any, &length) != 0) {
     VFAIL("getpeername(): %s\n", strerror(errno));
     CloseDescriptor(&descriptor);
     control->descriptor = -1;
     return -1;
   }
-  inet_ntop(AF_INET, &control->peer.sin_addr, control->peer_text, sizeof control->peer_text);
-  control->peer_text[sizeof control->peer_text - 1] = '\0';
+  AddressText(control->peer, control->peer_text, sizeof control->peer_text);
   control->descriptor = descriptor;
   if (Settings.verbosity >= 4)
     LogMessage("%s: FTP control connected to %s:%d\n", ProgramName, control->peer_text, Port(control->peer));
 
-  // The greeting, with any further lines that came with it.
   control->reply_held = 0;
   control->lines_held = 0;
-  char line[ReplyBufferSize];
-  do {
-    if (ReadReply(control, line) != 0) {
-      CloseDescriptor(&control->descriptor);
+  bool ready = true;
+  if (Settings.tls_mode == TlsImplicit) ready = StartControlTls(control) == 0;
+  ready = ready && ReadGreeting(control) == 0;
+  if (ready && Settings.tls_mode == TlsExplicit) ready = SecureByAuth(control) == 0;
+  if (!ready) {
+    StreamClose(control, false);
+    return -1;
+  }
+  return 0;
+}
+
+int ProtectDataConnections(FtpConnection* control) {
+  if (!control->tls) return 0;
+  for (const char* command : {"PBSZ 0", "PROT P"}) {
+    Reply reply;
+    if (Command(control, command, &reply) != 0) {
+      VFAIL("%s refused: %s\n", command, reply.quoted);
       return -1;
     }
-  } while (control->lines_held > 0);
+  }
   return 0;
 }
 
@@ -192,12 +255,12 @@ int CloseConnection(FtpConnection* record) {
   if (IsControlRecord(record)) {
     CloseConnection(record->data);
     // A record that was never connected reports -1, as a close of nothing does.
-    int result = record->descriptor >= 0 ? CloseDescriptor(&record->descriptor) : -1;
+    int result = StreamClose(record, true);
     free(record);
     return result;
   }
   if (IsDataRecord(record)) {
-    CloseDataSocket(record);
+    StreamClose(record, false);
     if (record->transfer_buffer) munmap(record->transfer_buffer, TransferBufferSize);
     free(record);
     return -1;

@@ -4,11 +4,27 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <cstddef>
 #include <cstdint>
 
 struct FtpSession;
+struct TlsChannel;
+
+// An IPv4 or IPv6 socket address.
+union SocketAddress {
+  sockaddr any;
+  sockaddr_in v4;
+  sockaddr_in6 v6;
+  sockaddr_storage storage;
+};
+socklen_t AddressLength(const SocketAddress& address);
+// Room for the text of any address: an IPv6 one is shown in brackets
+// ("[::1]"), so that the ":port" after it in messages stays readable.
+constexpr size_t AddressTextSize = INET6_ADDRSTRLEN + 2;
+// Writes the address's text (dotted IPv4, bracketed IPv6) into text.
+void AddressText(const SocketAddress& address, char* text, size_t size);
 
 constexpr int TransferBufferSize = 65536;
 constexpr int CommandBufferSize = 4096;
@@ -27,33 +43,52 @@ struct FtpConnection {
   int descriptor;  // -1 while closed
   // control variant
   FtpSession* owner;
-  sockaddr_in peer;
-  char peer_text[17];
+  SocketAddress peer;
+  char peer_text[AddressTextSize];
+  // The name given for the server (or its address), which its certificate
+  // must carry.
+  char host[256];
   FtpConnection* data;
   int reply_capacity;
   int reply_held;
   int lines_held;
   char reply[ReplyBufferSize];
   // data variant
-  sockaddr_in server;
-  char server_text[17];
+  SocketAddress server;
+  char server_text[AddressTextSize];
   char* transfer_buffer;  // mapped on the first transfer
+  // both: the TLS state while the connection is encrypted, else nullptr
+  TlsChannel* tls;
 };
 
 bool IsControlRecord(const FtpConnection* record);
 bool IsDataRecord(const FtpConnection* record);
 
-// Resolves host and service, connects, reads the greeting and makes the
-// data record. Returns the control record, or nullptr after a message.
+// The service a session's control connection goes to: "ftps" for implicit
+// TLS, else "ftp".
+const char* ControlService();
+// Resolves host and service (IPv4 and IPv6), connects to the first address
+// that answers, reads the greeting (under TLS when the run asks for it) and
+// makes the data record. Returns the control record, or nullptr after a
+// message.
 FtpConnection* OpenConnections(FtpSession* session, const char* host, const char* service);
 // The same for an address already known (no name service).
-FtpConnection* OpenConnectionsTo(FtpSession* session, const sockaddr_in& peer, int protocol);
+FtpConnection* OpenConnectionsTo(FtpSession* session, const SocketAddress& peer, int protocol,
+                                 const char* host = nullptr);
 // (Re)connects a closed control record and consumes the greeting.
 int ConnectControl(FtpConnection* control);
+// Under TLS, asks for encrypted data connections (PBSZ 0, PROT P), each of
+// which must be accepted. 0 (nothing sent without TLS), or -1 after a
+// message.
+int ProtectDataConnections(FtpConnection* control);
 // Closes and frees a record (a control record takes its data record along).
 int CloseConnection(FtpConnection* record);
-// Closes the data socket if it is open.
+// Closes the data socket if it is open: an abrupt end, which a server
+// reading an encrypted upload sees as a cut, never as its end.
 void CloseDataSocket(FtpConnection* data);
+// Ends a data connection whose transfer completed: under TLS the
+// close_notify goes out first, then the socket is closed.
+void FinishDataSocket(FtpConnection* data);
 
 // The control connection is broken: close it, forget what it held and let
 // the owner's checkpoint take over (the call does not come back when a
@@ -65,3 +100,4 @@ int AbandonConnections(FtpConnection* control);
 
 // The port of an address, in host order, as messages show it.
 int Port(const sockaddr_in& address);
+int Port(const SocketAddress& address);

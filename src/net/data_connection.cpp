@@ -1,16 +1,19 @@
-// The passive data connection: the 227 reply's address and the connect.
+// The passive data connection: the port of the PASV or EPSV reply, the
+// connect, and TLS on it when the control connection has it.
 #include "net/data_connection.h"
 
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "cli/settings.h"
 #include "net/connection.h"
+#include "net/tls.h"
 #include "support/log.h"
 #include "support/sysio.h"
 #include "support/text.h"
@@ -74,17 +77,83 @@ int ParsePassiveReply(const char* reply, sockaddr_in* address, char* text, size_
   return 0;
 }
 
+int ParseExtendedPassiveReply(const char* reply, int* port) {
+  *port = 0;
+  const char* open = strncmp(reply, "229 ", 4) == 0 ? strchr(reply + 4, '(') : nullptr;
+  if (!open) {
+    VFAIL("bad EPSV response\n");
+    return -1;
+  }
+  // "(" d d d port d ")", where d is one printable delimiter.
+  const char delimiter = open[1];
+  const char* number = open + 4;
+  if (delimiter < 33 || delimiter > 126 || open[2] != delimiter || open[3] != delimiter ||
+      !isdigit(static_cast<unsigned char>(*number))) {
+    VFAIL("EPSV response port invalid\n");
+    return -1;
+  }
+  char* end = nullptr;
+  const unsigned long value = strtoul(number, &end, 10);
+  if (end - number > 5 || value == 0 || value > 65535 || end[0] != delimiter || end[1] != ')') {
+    VFAIL("EPSV response port invalid\n");
+    return -1;
+  }
+  *port = static_cast<int>(value);
+  return 0;
+}
+
+const char* PassiveCommand(const FtpConnection* control) {
+  return control->peer.any.sa_family == AF_INET6 ? "EPSV" : "PASV";
+}
+
 namespace {
 
-// Deliberately, only the port of a 227 reply is used: the data connection
-// goes to the address the control connection is connected to, as curl does
-// by default. A server (or anyone able to alter its reply) could otherwise
-// send the data of a backup or restore to a third host.
-void UsePeerAddress(const FtpConnection* control, FtpConnection* data) {
-  if (data->server.sin_addr.s_addr != control->peer.sin_addr.s_addr && Settings.verbosity >= 4)
-    LogMessage("PASV address %s ignored: the data connection goes to %s\n", data->server_text, control->peer_text);
-  data->server.sin_addr = control->peer.sin_addr;
+// The text field a PASV reply's address is read into: what a dotted
+// address needs, so that a longer one is refused as before.
+constexpr size_t PassiveTextSize = 17;
+
+// Deliberately, only the port of a passive reply is used: the data
+// connection goes to the address the control connection is connected to, as
+// curl does by default. A server (or anyone able to alter its reply) could
+// otherwise send the data of a backup or restore to a third host.
+int ServerFromReply(const FtpConnection* control, FtpConnection* data, const char* reply) {
+  data->server = control->peer;
   CopyBounded(data->server_text, sizeof data->server_text, control->peer_text);
+  if (control->peer.any.sa_family == AF_INET6) {
+    int port = 0;
+    if (ParseExtendedPassiveReply(reply, &port) != 0) return -1;
+    data->server.v6.sin6_port = htons(static_cast<uint16_t>(port));
+    return 0;
+  }
+  sockaddr_in named{};
+  char named_text[PassiveTextSize];
+  if (ParsePassiveReply(reply, &named, named_text, sizeof named_text) != 0) return -1;
+  if (named.sin_addr.s_addr != control->peer.v4.sin_addr.s_addr && Settings.verbosity >= 4)
+    LogMessage("PASV address %s ignored: the data connection goes to %s\n", named_text, control->peer_text);
+  data->server.v4.sin_port = named.sin_port;
+  return 0;
+}
+
+// Socket options of a data connection; a failure is reported, not fatal,
+// except for SO_REUSEADDR.
+int PrepareDataSocket(int descriptor, int family) {
+  int on = 1;
+  if (setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
+    VFAIL("setsockopt(, SOL_SOCKET, SO_REUSEADDR): %s\n", strerror(errno));
+    return -1;
+  }
+  if (family == AF_INET6) {
+    int discover = IPV6_PMTUDISC_WANT;
+    if (setsockopt(descriptor, SOL_IPV6, IPV6_MTU_DISCOVER, &discover, sizeof discover) != 0)
+      VFAIL("setsockopt(, SOL_IPV6, IPV6_MTU_DISCOVER, %X): %s\n", discover, strerror(errno));
+  } else {
+    int discover = IP_PMTUDISC_WANT;
+    if (setsockopt(descriptor, SOL_IP, IP_MTU_DISCOVER, &discover, sizeof discover) != 0)
+      VFAIL("setsockopt(, SOL_IP, IP_MTU_DISCOVER, %X): %s\n", discover, strerror(errno));
+  }
+  if (setsockopt(descriptor, SOL_TCP, TCP_NODELAY, &on, sizeof on) != 0)
+    VFAIL("setsockopt(, SOL_TCP, TCP_NODELAY, %X): %s\n", on, strerror(errno));
+  return 0;
 }
 
 }  // namespace
@@ -93,28 +162,19 @@ int ConnectDataConnection(FtpConnection* control, const char* passive_reply) {
   if (!IsControlRecord(control) || !IsDataRecord(control->data)) return -1;
   FtpConnection* data = control->data;
   CloseDataSocket(data);
-  if (ParsePassiveReply(passive_reply, &data->server, data->server_text, sizeof data->server_text) != 0)
-    return -1;
-  UsePeerAddress(control, data);
+  if (ServerFromReply(control, data, passive_reply) != 0) return -1;
 
-  int descriptor = socket(AF_INET, SOCK_STREAM, data->protocol);
+  const int family = data->server.any.sa_family;
+  int descriptor = socket(family, SOCK_STREAM, data->protocol);
   if (descriptor < 0) {
     VFAIL("socket(): %s\n", strerror(errno));
     return -1;
   }
-  int on = 1;
-  if (setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
-    VFAIL("setsockopt(, SOL_SOCKET, SO_REUSEADDR): %s\n", strerror(errno));
+  if (PrepareDataSocket(descriptor, family) != 0) {
     CloseDescriptor(&descriptor);
     return -1;
   }
-  int discover = IP_PMTUDISC_WANT;
-  if (setsockopt(descriptor, SOL_IP, IP_MTU_DISCOVER, &discover, sizeof discover) != 0)
-    VFAIL("setsockopt(, SOL_IP, IP_MTU_DISCOVER, %X): %s\n", discover, strerror(errno));
-  if (setsockopt(descriptor, SOL_TCP, TCP_NODELAY, &on, sizeof on) != 0)
-    VFAIL("setsockopt(, SOL_TCP, TCP_NODELAY, %X): %s\n", on, strerror(errno));
-  int connected = ConnectWithin(descriptor, reinterpret_cast<sockaddr*>(&data->server), sizeof data->server,
-                                Settings.timeout_minutes);
+  int connected = ConnectWithin(descriptor, &data->server.any, AddressLength(data->server), Settings.timeout_minutes);
   if (connected != 0) {
     VFAIL("connect(, %s:%d): %s\n", data->server_text, Port(data->server), strerror(errno));
     CloseDescriptor(&descriptor);
@@ -122,6 +182,9 @@ int ConnectDataConnection(FtpConnection* control, const char* passive_reply) {
     return -1;
   }
   data->descriptor = descriptor;
+  if (control->tls && StartDataTls(control) != 0) {
+    CloseDataSocket(data);
+    return -1;
+  }
   return 0;
 }
-

@@ -13,8 +13,14 @@ struct FtpConnection;
 // reply spelled it (cut to text_size, always terminated; text_size > 0).
 // 0, or -1 after reporting what is wrong with the reply.
 int ParsePassiveReply(const char* reply, sockaddr_in* address, char* text, size_t text_size);
-// Connects the control record's data record to the port of a PASV reply
-// line, on the control connection's peer address (the reply's address is
-// checked, then not used), closing any data connection it had. 0, or -1
-// after a message.
+// Reads the port out of an EPSV reply ("229 ... (|||port|)", any printable
+// delimiter in place of "|"). 0, or -1 after reporting what is wrong.
+int ParseExtendedPassiveReply(const char* reply, int* port);
+// The command that asks for a passive data connection: EPSV on IPv6, where
+// a PASV reply cannot carry the address, else PASV.
+const char* PassiveCommand(const FtpConnection* control);
+// Connects the control record's data record to the port of the reply to
+// PassiveCommand, on the control connection's peer address (a PASV reply's
+// address is checked, then not used), closing any data connection it had;
+// under TLS the data connection is encrypted too. 0, or -1 after a message.
 int ConnectDataConnection(FtpConnection* control, const char* passive_reply);

@@ -8,6 +8,7 @@
 
 #include "cli/settings.h"
 #include "net/connection.h"
+#include "net/stream.h"
 #include "support/log.h"
 #include "support/sysio.h"
 #include "support/termination.h"
@@ -48,7 +49,7 @@ int ReadMoreReply(FtpConnection* control) {
     VFAIL("termination requested: no longer waiting for a reply\n");
     return -1;
   }
-  int ready = PollStepOne(control->descriptor, POLLIN | POLLPRI, step);
+  int ready = StreamPollOne(control, POLLIN | POLLPRI, step);
   if (ready < 0) {
     VFAIL("poll(): %s\n", strerror(errno));
     return ControlFailed(control);
@@ -60,8 +61,8 @@ int ReadMoreReply(FtpConnection* control) {
     return -1;
   }
   char* fresh = control->reply + control->reply_held;
-  ssize_t got = ReadSome(control->descriptor, fresh,
-                         static_cast<size_t>(control->reply_capacity - control->reply_held));
+  ssize_t got = StreamRead(control, fresh, static_cast<size_t>(control->reply_capacity - control->reply_held));
+  if (got < 0 && errno == EAGAIN) return KeepReading;  // part of an encrypted record: poll again
   if (got < 0) {
     VFAIL("read(%s:%d): %s\n", control->peer_text, Port(control->peer), strerror(errno));
     return ControlFailed(control);

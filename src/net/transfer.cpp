@@ -11,6 +11,7 @@
 
 #include "cli/settings.h"
 #include "net/connection.h"
+#include "net/stream.h"
 #include "support/log.h"
 #include "support/sysio.h"
 #include "support/termination.h"
@@ -74,13 +75,14 @@ class Download {
       if (drained)
         errno = EAGAIN;  // the last read took all there was: wait for more
       else
-        got = ReceiveWaiting(data_->descriptor, at, static_cast<size_t>(room));
+        got = StreamReceiveWaiting(data_, at, static_cast<size_t>(room));
       if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOTSOCK)) {
         const int waited = WaitForData();
         if (waited == Failed) return -1;
         if (waited == GraceStep) continue;
         if (waited == SilentStep) break;
-        got = ReadSome(data_->descriptor, at, static_cast<size_t>(room));
+        got = StreamRead(data_, at, static_cast<size_t>(room));
+        if (got < 0 && errno == EAGAIN) continue;  // part of an encrypted record: wait for the rest
       }
       if (got > 0 && !flow_.Moving(got)) return -1;
       if (got > 0) {
@@ -109,7 +111,7 @@ class Download {
   enum WaitResult { Readable, GraceStep, SilentStep, Failed };
 
   WaitResult WaitForData() {
-    int ready = PollStepOne(data_->descriptor, POLLIN | POLLPRI, flow_.StepMs());
+    int ready = StreamPollOne(data_, POLLIN | POLLPRI, flow_.StepMs());
     if (ready < 0) {
       VFAIL("poll(): %s\n", strerror(errno));
       return Failed;
@@ -137,7 +139,7 @@ class Upload {
     int sent = 0;
     bool given_up = false;
     while (sent < count) {
-      int ready = PollStepOne(data_->descriptor, POLLOUT, flow_.StepMs());
+      int ready = StreamPollOne(data_, POLLOUT, flow_.StepMs());
       if (ready < 0) {
         VFAIL("poll(): %s\n", strerror(errno));
         break;
@@ -151,7 +153,8 @@ class Upload {
         VFAIL("poll(): timedout on data write after %.2fs\n", PollStepSeconds());
         break;
       }
-      ssize_t written = SendSome(data_->descriptor, data_->transfer_buffer + sent, static_cast<size_t>(count - sent));
+      ssize_t written = StreamSend(data_, data_->transfer_buffer + sent, static_cast<size_t>(count - sent));
+      if (written < 0 && errno == EAGAIN) continue;  // the encrypted stream must wait for the socket
       if (written < 0) {
         VFAIL("write(%s:%d): %s\n", data_->server_text, Port(data_->server), strerror(errno));
         break;
@@ -211,7 +214,7 @@ int ReceiveData(FtpConnection* control, DataCallback callback, void* argument) {
         break;
       }
       if (download.Timeouts() == 0) {
-        CloseDataSocket(data);
+        FinishDataSocket(data);
         NoteTransferEnded();
         return 0;
       }
@@ -236,7 +239,7 @@ int SendData(FtpConnection* control, DataCallback callback, void* argument) {
     if (callback(argument, data->transfer_buffer, &count) != 0) break;
     if (count <= 0) {
       // Closing the data socket is the end of file for the server.
-      CloseDataSocket(data);
+      FinishDataSocket(data);
       NoteTransferEnded();
       return 0;
     }

@@ -108,6 +108,12 @@ ssize_t ReceiveWaiting(int descriptor, void* data, size_t length) {
   return Retried([&] { return recv(descriptor, data, length, MSG_DONTWAIT); });
 }
 
+int SetNonBlocking(int descriptor) {
+  const int flags = fcntl(descriptor, F_GETFL);
+  if (flags < 0) return -1;
+  return fcntl(descriptor, F_SETFL, flags | O_NONBLOCK);
+}
+
 int OpenFile(const char* path, int flags, mode_t mode) {
   return Retried([&] { return open(path, flags, mode); });
 }

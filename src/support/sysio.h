@@ -42,6 +42,10 @@ ssize_t SendFull(int descriptor, const void* data, size_t length, size_t* done =
 // retried after a signal.
 ssize_t ReceiveWaiting(int descriptor, void* data, size_t length);
 
+// Makes a socket's reads and writes give EAGAIN instead of blocking. 0, or
+// -1 (errno set).
+int SetNonBlocking(int descriptor);
+
 // ---- files ---------------------------------------------------------------
 
 // open(2) and openat(2), retried after a signal.

@@ -82,6 +82,14 @@ def test_missing_credentials(run, usage_lines):
     (["-c", "user"], ["vondral: Missing password in credentials"]),
     (["-c", "user:ftp:x"], ["vondral: bad where following user name"]),
     (["-c", "user:fd:4x"], ["vondral: Bad file descriptor '4x'"]),
+    # One way of encrypting; a CA file is checked now and means nothing
+    # without TLS.
+    (["--tls", "--tls-implicit"],
+     ["vondral: --tls-implicit: only one of --tls and --tls-implicit may be given"]),
+    (["--tls-implicit", "--tls"], ["vondral: --tls: only one of --tls and --tls-implicit may be given"]),
+    (["--tls", "--cacert", "/nonexistent/ca.pem"],
+     ["vondral: --cacert /nonexistent/ca.pem: No such file or directory"]),
+    (["--cacert", "/dev/null"], ["vondral: --cacert needs --tls or --tls-implicit"]),
 ])
 def test_each_bad_option_has_its_message(run, usage_lines, args, messages):
     r = run("-s", "host", "-c", "u:here:p", *args)
@@ -111,6 +119,7 @@ def test_all_bad_options_are_reported_together(run, usage_lines):
     ["--list", "0x1"], ["--notbackedup", "2"], ["--maxblocksize", "0x10"],
     ["--date", "0"], ["--precheck", "no"], ["-x", "0"], ["--include", "/dev/null"],
     ["--include", "/dev/null", "--include", "/dev/null"],
+    ["--tls", "--tls"],
 ])
 def test_good_options_pass_the_checks(run, usage_lines, args):
     # Nothing listens on port 21 inside the test's network namespace: a run

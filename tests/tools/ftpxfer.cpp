@@ -2,8 +2,8 @@
 // that end-to-end tests can check every byte against servers we did not
 // write.
 //
-//   ftpxfer HOST USER PASSWORD retr REMOTE LOCAL
-//   ftpxfer HOST USER PASSWORD stor LOCAL REMOTE
+//   ftpxfer [--tls | --tls-implicit] [--cacert PEM] HOST USER PASSWORD retr REMOTE LOCAL
+//   ftpxfer [--tls | --tls-implicit] [--cacert PEM] HOST USER PASSWORD stor LOCAL REMOTE
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -11,18 +11,10 @@
 #include <cstring>
 #include <string>
 
+#include "cli/settings.h"
 #include "ftp/data_command.h"
-#include "ftp/checkpoint.h"
-#include "ftp/data_command.h"
-#include "ftp/remote_listing.h"
-#include "ftp/reply_judge.h"
 #include "ftp/session.h"
-#include "ftp/transfer_settings.h"
 #include "support/log.h"
-#include "support/string_list.h"
-#include "support/sysio.h"
-#include "support/termination.h"
-#include "support/text.h"
 
 namespace {
 
@@ -47,12 +39,25 @@ int ReadFrom(void* argument, char* buffer, int* count) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The TLS flags come first, as the program's own options do.
+  for (; argc > 1 && strncmp(argv[1], "--", 2) == 0; argc--, argv++) {
+    if (strcmp(argv[1], "--tls") == 0) {
+      Settings.tls_mode = TlsExplicit;
+    } else if (strcmp(argv[1], "--tls-implicit") == 0) {
+      Settings.tls_mode = TlsImplicit;
+    } else if (strcmp(argv[1], "--cacert") == 0 && argc > 2) {
+      Settings.cacert = argv[2];
+      argc--, argv++;
+    } else {
+      break;
+    }
+  }
   if (argc != 7) {
-    fprintf(stderr, "usage: ftpxfer HOST USER PASSWORD retr|stor FROM TO\n");
+    fprintf(stderr, "usage: ftpxfer [--tls | --tls-implicit] [--cacert PEM] HOST USER PASSWORD retr|stor FROM TO\n");
     return 2;
   }
   RegisterThread(-1);
-  FtpSession* session = NewSession(argv[1], "ftp");
+  FtpSession* session = NewSession(argv[1], ControlService());
   if (!session || Login(session, argv[2], argv[3]) != 0) return 1;
   if (Command(session->control, "TYPE I") != 0) return 1;
   bool retrieve = strcmp(argv[4], "retr") == 0;

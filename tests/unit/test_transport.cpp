@@ -212,6 +212,45 @@ TEST(ParsePassiveReply, ReadsAddressAndPortAndRefusesWhatDoesNotFitTheTextField)
   }
 }
 
+TEST(ParseExtendedPassiveReply, ReadsThePortBetweenDelimitersAndRefusesAnythingElse) {
+  const struct {
+    const char* reply;
+    int port;  // 0: refused with the message
+    const char* message;
+  } cases[] = {
+      {"229 Entering Extended Passive Mode (|||6446|)", 6446, nullptr},
+      {"229 (!!!1!)", 1, nullptr},
+      {"229 ok (###65535#)", 65535, nullptr},
+      {"229 Entering Extended Passive Mode (|||65536|)", 0, "EPSV response port invalid"},
+      {"229 Entering Extended Passive Mode (|||0|)", 0, "EPSV response port invalid"},
+      {"229 Entering Extended Passive Mode (|||000006446|)", 0, "EPSV response port invalid"},
+      {"229 Entering Extended Passive Mode (||6446|)", 0, "EPSV response port invalid"},
+      {"229 Entering Extended Passive Mode (|||6446)", 0, "EPSV response port invalid"},
+      {"229 Entering Extended Passive Mode (|||6446!)", 0, "EPSV response port invalid"},
+      {"229 Entering Extended Passive Mode (|||x|)", 0, "EPSV response port invalid"},
+      {"229 Entering Extended Passive Mode (   6446 )", 0, "EPSV response port invalid"},
+      {"229 Entering Extended Passive Mode (|||-1|)", 0, "EPSV response port invalid"},
+      {"229 Entering Extended Passive Mode (|||", 0, "EPSV response port invalid"},
+      {"229 Entering Extended Passive Mode |||6446|", 0, "bad EPSV response"},
+      {"227 Entering Passive Mode (127,0,0,1,4,2)", 0, "bad EPSV response"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.reply);
+    int port = -1;
+    StderrCapture err;
+    const int result = ParseExtendedPassiveReply(c.reply, &port);
+    if (c.message) {
+      EXPECT_EQ(result, -1);
+      EXPECT_EQ(port, 0);
+      EXPECT_NE(err.Text().find(c.message), std::string::npos) << err.Text();
+      continue;
+    }
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(port, c.port);
+    EXPECT_EQ(err.Text(), "");
+  }
+}
+
 struct Upload {
   std::string data;
   size_t at = 0;
