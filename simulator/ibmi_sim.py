@@ -1342,20 +1342,21 @@ class SimHandler(FTPHandler):
         buf = bytearray(IO_CHUNK)
         view = memoryview(buf)
         tls = isinstance(conn, ssl.SSLSocket)
+        # with FTPS configured, what arrives in clear is logged
+        clear = None if tls or self.state.tls is None else bytearray()
+        clear_total = 0
         # Large reads: the socket counts as readable only once a good part
         # of a chunk has arrived (or the data has ended), so a fast upload
-        # costs a few wake-ups per MiB instead of one per segment. Not
-        # under TLS: the client's close_notify could sit below the mark.
+        # costs a few wake-ups per MiB instead of one per segment. Not with
+        # FTPS: a close_notify, or a TLS hello sent to a server that stays
+        # in clear, could sit below the mark unseen.
         try:
-            if not tls:
+            if self.state.tls is None:
                 conn.setsockopt(socket.SOL_SOCKET, socket.SO_RCVLOWAT,
                                 IO_CHUNK // 2 if budget is None
                                 else max(1, min(IO_CHUNK // 2, budget)))
         except OSError:
             pass
-        # with FTPS configured, what arrives in clear is logged
-        clear = None if tls or self.state.tls is None else bytearray()
-        clear_total = 0
         try:
             while budget is None or budget > 0:
                 self._wait(conn, False)
