@@ -56,6 +56,7 @@ def verbose(run, what):
 
 
 def peer(sim):
+    """The server as the client's messages name it: [::1]:21 for IPv6."""
     return ("[%s]" % sim.addr if ":" in sim.addr else sim.addr) + ":%d" % sim.port
 
 
@@ -325,6 +326,8 @@ REFUSALS = [
      r"TLS handshake with {peer} failed: .*hostname mismatch.*"),
     ("expired", {}, "expired", True, None,
      r"TLS handshake with {peer} failed: .*certificate has expired.*"),
+    ("expired, IPv6", {}, "expired", True, "::1",
+     r"TLS handshake with {peer} failed: .*certificate has expired.*"),
     ("PBSZ refused", {"replies": [{"match": "^PBSZ", "reply": "534 No PBSZ here."}]},
      "good", True, None, r"PBSZ 0 refused: 534 No PBSZ here\."),
     ("PROT P refused", {"replies": [{"match": "^PROT", "reply": "534 Only in clear."}]},
@@ -341,7 +344,7 @@ def test_a_refusal_ends_the_run_before_anything_goes_out_in_clear(
     if mode == "implicit" and "AUTH" in message:
         pytest.skip("implicit TLS sends no AUTH")
     # localhost is 127.0.0.1, an address the other tests never hand out
-    addr = "127.0.0.1" if name == "localhost" else None
+    addr = {"localhost": "127.0.0.1", "::1": "::1"}.get(name)
     if config is None:
         sim = sim_factory(tree=TREE, addr=addr)
     else:
