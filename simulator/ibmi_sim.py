@@ -86,7 +86,8 @@ class Rule:
                 self.action = action
                 self.params = {k: v for k, v in entry.items()
                                if k not in ("match", "nth", "action")}
-            known = ("close", "delay", "endless_reply") + DATA_ACTIONS
+            known = ("close", "delay", "endless_reply",
+                     "split_line_end") + DATA_ACTIONS
             if self.action not in known:
                 raise ValueError("unknown fault action %r" % (self.action,))
         else:
@@ -372,6 +373,7 @@ class SimHandler(FTPHandler):
         self._data = None
         self._override = None
         self._data_faults = []
+        self._split = None
         self._cur_line = ""
         self._gone = False
         self._greeting_talks = False
@@ -391,8 +393,32 @@ class SimHandler(FTPHandler):
         if self._override is not None and resp[:1] in "2345":
             resp, self._override = self._override, None
         self._last_response = resp
+        if self._split is not None:
+            # Everything up to the last CR, then, after a pause, the LF:
+            # one line end in two TCP sends.
+            pause = float(self._split.params.get("seconds", 0.2))
+            self._split = None
+            text = "".join(line.rstrip("\r") + "\r\n" for line in resp.split("\n"))
+            self._send_now(text[:-1].encode("utf-8", "surrogateescape"))
+            STOP.wait(pause)
+            self._send_now(b"\n")
+            return
         for line in resp.split("\n"):
             self.push(line.rstrip("\r") + "\r\n")
+
+    def _send_now(self, data):
+        """Sends what is queued, then data, before returning."""
+        sock = self.socket
+        pending = b"".join(bytes(p) for p in self.producer_fifo if p) + data
+        self.producer_fifo.clear()
+        while pending and not STOP.is_set():
+            select.select([], [sock], [], POLL)
+            try:
+                pending = pending[sock.send(pending):]
+            except (BlockingIOError, InterruptedError):
+                pass
+            except OSError:
+                return
 
     def handle(self):
         self.state.record({"session": self.sid, "event": "connect"})
@@ -481,7 +507,8 @@ class SimHandler(FTPHandler):
             if now >= next_line and len(pending) < 65536:
                 n += 1
                 pending += ("%s-%s (%d).\r\n" % (code, text, n)).encode()
-                next_line = now + TALK_PACE
+                next_line = now + float(self.state.config.get("talk_pace",
+                                                              TALK_PACE))
             r, w, _ = select.select([sock], [sock] if pending else [], [],
                                     max(0.0, min(POLL, next_line - now)))
             try:
@@ -688,6 +715,8 @@ class SimHandler(FTPHandler):
             return
         self._override = reply.reply if reply is not None else None
         self._data_faults = [r for r in fired if r.action in DATA_ACTIONS]
+        self._split = next((r for r in fired
+                            if r.action == "split_line_end"), None)
         self._cur_line = line
         try:
             self.dispatch(line)
@@ -698,6 +727,7 @@ class SimHandler(FTPHandler):
         finally:
             self._override = None
             self._data_faults = []
+            self._split = None
 
     def dispatch(self, line):
         cmd, _, arg = line.partition(" ")

@@ -277,6 +277,7 @@ bool CtarArchiveStart(const unsigned char block[CtarBlockSize]) {
 }
 
 uint64_t CtarPaddedSize(uint64_t size) {
+  if (size > CtarLargestSize) return UINT64_MAX;
   uint64_t tail = size % CtarBlockSize;
   return tail ? size + (CtarBlockSize - tail) : size;
 }

@@ -70,7 +70,16 @@ void CtarEntryName(const unsigned char block[CtarBlockSize], char* name, size_t 
 // they are all ASCII), yet it is no CTAR archive.
 bool CtarArchiveStart(const unsigned char block[CtarBlockSize]);
 
-// Bytes an entry's data occupies in the archive: size rounded up to blocks.
+// The largest data size an entry can have: rounded up to whole blocks it is
+// still a signed 64-bit count of bytes (2^63 - 512). A size field may hold
+// more (the base-64 form reads any 64-bit value), but no archive does, and
+// rounding such a size up to blocks overflows: every reader takes it for a
+// bad size.
+constexpr uint64_t CtarLargestSize = (uint64_t{1} << 63) - CtarBlockSize;
+
+// Bytes an entry's data occupies in the archive: size rounded up to blocks;
+// UINT64_MAX, more than any archive holds, for a size beyond
+// CtarLargestSize.
 uint64_t CtarPaddedSize(uint64_t size);
 
 // The modification time an entry header stores, in seconds since the epoch.

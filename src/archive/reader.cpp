@@ -93,7 +93,11 @@ int ReadThrough(int descriptor, int64_t count) {
 
 }  // namespace
 
-int64_t WholeBlocks(int64_t count) { return count > 0 ? (count + Block - 1) / Block * Block : 0; }
+int64_t WholeBlocks(int64_t count) {
+  if (count <= 0) return 0;
+  if (static_cast<uint64_t>(count) > CtarLargestSize) return -1;
+  return (count + Block - 1) / Block * Block;
+}
 
 // The archive is read with direct I/O: a restore streams gigabytes once,
 // and they need not pass through the page cache.
@@ -169,6 +173,10 @@ void StopReadingAhead() { SharedReadAhead().Stop(); }
 int SkipArchiveData(int descriptor, int64_t count) {
   const int64_t rounded = WholeBlocks(count);
   if (rounded == 0) return 0;
+  if (rounded < 0) {
+    VFAIL("bad file size 0x%llX\n", static_cast<unsigned long long>(count));
+    return -1;
+  }
   errno = 0;
   if (SeekTo(descriptor, rounded, SEEK_CUR) != -1 || errno == 0) return 0;
   // Standard input is usually a pipe, which cannot seek: read through it.

@@ -18,7 +18,8 @@ struct ArchiveReader {
   int64_t size;  // the entry's data size
 };
 
-// Whole blocks a count of bytes occupies; nothing for a count of 0 or less.
+// Whole blocks a count of bytes occupies; nothing for a count of 0 or less,
+// -1 for a count beyond CtarLargestSize, whose rounding would overflow.
 int64_t WholeBlocks(int64_t count);
 
 // Opens the archive at path ("-" is standard input, which is taken as it

@@ -202,8 +202,9 @@ const char* ReadDate(const char* line, const char* p, const struct tm& today, st
 }
 
 // The name, which runs up to " -> " (a link and its target) or to the
-// line's last character (where its CR stands). Whatever follows the name
-// or the link target is reported, but does not fail the line.
+// line's last character (where its CR stands), and holds no "/". Whatever
+// follows the name or the link target is reported, but does not fail the
+// line.
 bool ReadName(const char* line, size_t line_length, const char* after, ParsedEntry* entry) {
   const char* name = SkipBlanks(after);
   const char* end = line + line_length;  // the name stops before the last character
@@ -212,6 +213,13 @@ bool ReadName(const char* line, size_t line_length, const char* after, ParsedEnt
   const size_t name_length = static_cast<size_t>(name_end - name);
   if (name_length + 1 >= sizeof entry->name) {
     VFAIL("name too long: %s\n", name);
+    return false;
+  }
+  // A listed name is one entry of the directory listed: with a "/" in it
+  // ("../../etc", "a/../b", "x/") it would name something elsewhere, which
+  // would then be walked and saved as if it lay here.
+  if (memchr(name, '/', name_length)) {
+    VFAIL("name holds a \"/\": %s\n", line);
     return false;
   }
   entry->name[0] = '/';

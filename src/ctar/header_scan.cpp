@@ -32,7 +32,7 @@ bool GenuineEntry(const unsigned char* block, uint64_t* size) {
 // archive: its data lies inside the file and behind it comes another genuine
 // header, the sentinel, or the end of the file. 1 yes, 0 no, -1 read error.
 int ChainHolds(const Archive& archive, uint64_t offset, uint64_t size) {
-  if (size > static_cast<uint64_t>(INT64_MAX)) return 0;
+  if (size > CtarLargestSize) return 0;
   const uint64_t next = offset + Block + CtarPaddedSize(size);
   if (next > archive.size) return 0;
   if (next == archive.size) return 1;

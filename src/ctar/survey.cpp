@@ -160,7 +160,7 @@ bool SurveyWalk::Entry(const unsigned char* block, const EntryView& view, uint64
     Note(survey_, "the header of %s at offset 0x%llX: its %s is not as a backup writes it",
          view.name, Ull(offset_), oddity);
   }
-  const uint64_t next = size <= static_cast<uint64_t>(INT64_MAX)
+  const uint64_t next = size <= CtarLargestSize
                             ? offset_ + Block + CtarPaddedSize(size)
                             : UINT64_MAX;
   if (next > archive_.size) {

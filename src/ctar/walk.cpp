@@ -92,7 +92,7 @@ int RefuseHeader(const Archive& archive, int judged, const unsigned char* block,
 }  // namespace
 
 int TakeData(Archive& archive, const EntryView& view, int out) {
-  if (view.size > static_cast<uint64_t>(INT64_MAX)) {
+  if (view.size > CtarLargestSize) {
     Complain("%s: the entry %s at offset 0x%llX claims %llu bytes, more than any archive holds",
              archive.shown, view.name, Ull(view.offset), Ull(view.size));
     return StatusDamaged;

@@ -196,11 +196,12 @@ bool MaySendCommand(const char* command) {
 
 int SendCommandLine(FtpConnection* control, const char* command) {
   if (!IsControlRecord(control)) return -1;
-  // The limit counts the CR LF while at most 4094 characters are kept, so a
-  // command of exactly 4093 characters goes out with CR and a zero byte.
+  // At most 4094 bytes are kept, so a command goes out whole with its CR LF
+  // only up to 4092 characters; a longer one is refused, never sent cut
+  // (4093 characters would go out as CR and a zero byte, no line end).
   char line[CommandBufferSize];
   int length = FormatBounded(line, CommandBufferSize - 1, "%s\r\n", command);
-  if (length > CommandBufferSize - 1) {
+  if (length > CommandBufferSize - 2) {
     VFAIL("command too long\n");
     return -1;
   }

@@ -70,8 +70,7 @@ const char* ControlService() { return Settings.tls_mode == TlsImplicit ? "ftps" 
 
 int ControlFailed(FtpConnection* control) {
   StreamClose(control, false);
-  control->reply_held = 0;
-  control->lines_held = 0;
+  ForgetHeldReplies(control);
   return AbortToCheckpoint(control->owner);
 }
 
@@ -164,8 +163,7 @@ namespace {
 
 // Reads the greeting, with any further lines that came with it.
 int ReadGreeting(FtpConnection* control) {
-  control->reply_held = 0;
-  control->lines_held = 0;
+  ForgetHeldReplies(control);
   char line[ReplyBufferSize];
   do {
     if (ReadReply(control, line) != 0) return -1;
@@ -186,6 +184,12 @@ int SecureByAuth(FtpConnection* control) {
     char quoted[QuotedReplySize];
     CopyBounded(quoted, sizeof quoted, line);
     VFAIL("AUTH TLS refused: %s\n", quoted);
+    return -1;
+  }
+  // Bytes that came in clear behind the 234 would pass for the server's
+  // first encrypted words: anyone on the path could have put them there.
+  if (control->reply_held > 0) {
+    VFAIL("AUTH TLS refused: %s\n", "clear text after the 234 reply");
     return -1;
   }
   return StartControlTls(control);
@@ -225,8 +229,6 @@ int ConnectControl(FtpConnection* control) {
   if (Settings.verbosity >= 4)
     LogMessage("%s: FTP control connected to %s:%d\n", ProgramName, control->peer_text, Port(control->peer));
 
-  control->reply_held = 0;
-  control->lines_held = 0;
   bool ready = true;
   if (Settings.tls_mode == TlsImplicit) ready = StartControlTls(control) == 0;
   ready = ready && ReadGreeting(control) == 0;

@@ -52,6 +52,12 @@ struct FtpConnection {
   int reply_capacity;
   int reply_held;
   int lines_held;
+  // The reply being read (reply_reader): the code of a multi-line reply
+  // whose final line has not come ("" between replies), and the lines and
+  // bytes taken of it so far.
+  char reply_code[4];
+  int reply_lines;
+  int reply_bytes;
   char reply[ReplyBufferSize];
   // data variant
   SocketAddress server;

@@ -21,20 +21,60 @@ namespace {
 // What a step of reading gives when the caller should go on reading.
 constexpr int KeepReading = 2;
 
-// Drops the intermediate lines ("nnn-") of a multi-line reply from the
-// front of the buffer. 0, or -1 when the counted lines are not there.
+// The length of the first held line, its CR LF not counted; -1 after a
+// message when the counted line end is not there.
+int HeldLineLength(const FtpConnection* control) {
+  const void* end = memmem(control->reply, static_cast<size_t>(control->reply_held), "\r\n", 2);
+  if (!end) {
+    VFAIL("buffered reply screw up\n");
+    return -1;
+  }
+  return static_cast<int>(static_cast<const char*>(end) - control->reply);
+}
+
+// Removes the first held line, consumed bytes long (CR LF included).
+void DropHeldLine(FtpConnection* control, int consumed) {
+  memmove(control->reply, control->reply + consumed, static_cast<size_t>(control->reply_held - consumed));
+  control->reply_held -= consumed;
+  control->lines_held--;
+}
+
+// Counts a line of consumed bytes into the reply being read. false after a
+// message when the reply has grown past its bounds.
+bool CountReplyLine(FtpConnection* control, int consumed) {
+  control->reply_lines++;
+  control->reply_bytes += consumed;
+  if (control->reply_lines <= ReplyLinesMax && control->reply_bytes <= ReplyBytesMax) return true;
+  VFAIL("reply longer than %d lines or %d bytes: connection given up\n", ReplyLinesMax, ReplyBytesMax);
+  return false;
+}
+
+bool IsReplyCode(const char* text) {
+  return text[0] >= '0' && text[0] <= '9' && text[1] >= '0' && text[1] <= '9' && text[2] >= '0' && text[2] <= '9';
+}
+
+// Drops the lines of a multi-line reply that come before its final line
+// from the front of the buffer. Such a reply opens with "nnn-" and ends
+// with the first line that starts with the same code and a space; every
+// line between is intermediate whatever it holds, even one that looks like
+// another reply ("  230 ...", "hello"). 0 when the first held line, if
+// any, is a final one; -1 after a message when the counted line is not
+// there or the reply has grown past its bounds (the connection is then
+// given up like a broken one).
 int SkipIntermediateLines(FtpConnection* control) {
-  char* buffer = control->reply;
-  while (control->lines_held >= 1 && control->reply_held >= 4 && buffer[3] == '-') {
-    char* end = static_cast<char*>(memmem(buffer, static_cast<size_t>(control->reply_held), "\r\n", 2));
-    if (!end) {
-      VFAIL("buffered reply screw up\n");
-      return -1;
+  while (control->lines_held >= 1) {
+    const char* line = control->reply;
+    const int length = HeldLineLength(control);
+    if (length < 0) return -1;
+    if (control->reply_code[0] == '\0') {
+      if (length < 4 || !IsReplyCode(line) || line[3] != '-') return 0;
+      memcpy(control->reply_code, line, 3);
+      control->reply_code[3] = '\0';
+    } else if (length >= 4 && memcmp(line, control->reply_code, 3) == 0 && line[3] == ' ') {
+      return 0;
     }
-    int length = static_cast<int>(end - buffer) + 2;
-    memmove(buffer, buffer + length, static_cast<size_t>(control->reply_held - length));
-    control->reply_held -= length;
-    control->lines_held--;
+    DropHeldLine(control, length + 2);
+    if (!CountReplyLine(control, length + 2)) return ControlFailed(control);
   }
   return 0;
 }
@@ -72,49 +112,55 @@ int ReadMoreReply(FtpConnection* control) {
     return ControlFailed(control);
   }
   if (Settings.verbosity >= 4) LogMessage("%.*s", static_cast<int>(got), fresh);
+  // The scan starts at the last byte held before this read: a CR LF split
+  // between two reads is one line end like any other.
+  const int before = control->reply_held;
   control->reply_held += static_cast<int>(got);
-  // Only the bytes of this read are scanned: a CR LF split between two
-  // reads is not counted, and a later read must bring a counted one.
-  for (ssize_t i = 0; i + 1 < got; i++)
-    if (fresh[i] == '\r' && fresh[i + 1] == '\n') control->lines_held++;
-  return SkipIntermediateLines(control) == 0 ? KeepReading : -1;
+  for (int i = before > 0 ? before - 1 : 0; i + 1 < control->reply_held; i++)
+    if (control->reply[i] == '\r' && control->reply[i + 1] == '\n') control->lines_held++;
+  return KeepReading;
 }
 
-// Moves the first line of the buffer into out: 0 positive, 1 other, -1
-// when it is too long (it is dropped all the same).
+// Moves the first line of the buffer into out, the final line of the
+// reply being read: 0 positive, 1 other, -1 when it is too long (it is
+// dropped all the same) or ends a reply grown past its bounds.
 int TakeReplyLine(FtpConnection* control, char* out) {
-  char* buffer = control->reply;
-  char* end = static_cast<char*>(memmem(buffer, static_cast<size_t>(control->reply_held), "\r\n", 2));
-  if (!end) {
-    VFAIL("buffered reply screw up\n");
-    return -1;
-  }
-  int length = static_cast<int>(end - buffer);
-  int consumed = length + 2;
+  const int length = HeldLineLength(control);
+  if (length < 0) return -1;
   int result;
   if (length > ReplyLineMax) {
     VFAIL("command reply too long\n");
     result = -1;
   } else {
-    memcpy(out, buffer, static_cast<size_t>(length));
+    memcpy(out, control->reply, static_cast<size_t>(length));
     out[length] = '\0';
     result = (out[0] == '2' || out[0] == '3') ? 0 : 1;
   }
-  memmove(buffer, buffer + consumed, static_cast<size_t>(control->reply_held - consumed));
-  control->reply_held -= consumed;
-  control->lines_held--;
-  return result;
+  DropHeldLine(control, length + 2);
+  const bool bounded = CountReplyLine(control, length + 2);
+  control->reply_code[0] = '\0';
+  control->reply_lines = control->reply_bytes = 0;
+  return bounded ? result : ControlFailed(control);
 }
 
 }  // namespace
 
+void ForgetHeldReplies(FtpConnection* control) {
+  control->reply_held = 0;
+  control->lines_held = 0;
+  control->reply_code[0] = '\0';
+  control->reply_lines = control->reply_bytes = 0;
+}
+
 int ReadReply(FtpConnection* control, char* out) {
   if (!out || !IsControlRecord(control)) return -1;
-  while (control->lines_held < 1) {
+  for (;;) {
+    if (SkipIntermediateLines(control) != 0) return -1;
+    if (control->lines_held >= 1) break;
     if (control->reply_held >= control->reply_capacity) {
       // No line end in a full buffer: nothing sensible can follow, so the
       // bytes are dropped and the next reply starts afresh.
-      control->reply_held = 0;
+      ForgetHeldReplies(control);
       return -1;
     }
     int step = ReadMoreReply(control);

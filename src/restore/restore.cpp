@@ -178,6 +178,14 @@ int ReadHeaderBlock(int descriptor, unsigned char* block, int64_t offset) {
   return 0;
 }
 
+// Whether the entry whose header is at offset ends, its data rounded up to
+// blocks, no further than CtarLargestSize. Both are whole blocks, so a size
+// within the room left rounds up within it too.
+bool EntryEndFits(int64_t offset, uint64_t size) {
+  const uint64_t data_at = static_cast<uint64_t>(offset) + CtarBlockSize;
+  return offset >= 0 && data_at <= CtarLargestSize && size <= CtarLargestSize - data_at;
+}
+
 // What the driver makes of a header block.
 enum class HeaderVerdict { Entry, End, Damaged };
 
@@ -200,8 +208,9 @@ HeaderVerdict JudgeEntryHeader(const unsigned char* header, int64_t offset, int6
                  ProgramName, static_cast<unsigned long long>(offset), oddity);
     return HeaderVerdict::Damaged;
   }
-  // A size beyond the signed range could not be skipped or counted.
-  if (judged == CtarBadSize || stored_size > static_cast<uint64_t>(INT64_MAX)) {
+  // The entry must end where a signed 64-bit offset still reaches: a size
+  // near 2^63 could not be rounded up to blocks, skipped or counted.
+  if (judged == CtarBadSize || !EntryEndFits(offset, stored_size)) {
     VFAIL("bad file size at offset 0x%llX\n", static_cast<unsigned long long>(offset));
     return HeaderVerdict::Damaged;
   }

@@ -42,7 +42,8 @@ inline const char* SkipWord(const char* p) {
 // The line grammar: ten mode letters, three skipped fields (links, owner,
 // group), the size, "Mon dd", then "hh:mm" (this year, or last year when
 // the month is still to come) or a year, then the name up to " -> " or up
-// to the line's last character (where its CR stands). `today` is the local
+// to the line's last character (where its CR stands), which holds no "/"
+// (it names one entry of the listed directory). `today` is the local
 // date the reading is made on.
 inline Entry Read(const char* line, const struct tm& today) {
   Entry entry;
@@ -93,6 +94,10 @@ inline Entry Read(const char* line, const struct tm& today) {
   entry.name = "/" + std::string(name, static_cast<size_t>(name_end - name));
   if (entry.name.size() >= PathBufferSize) {
     entry.failure = "name too long";
+    return entry;
+  }
+  if (entry.name.find('/', 1) != std::string::npos) {
+    entry.failure = "name holds a \"/\"";
     return entry;
   }
   entry.ok = true;

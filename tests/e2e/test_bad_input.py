@@ -119,6 +119,30 @@ def test_listing_garbage_nul_bytes_and_over_long_lines(sim_factory, tmp_path):
     assert r.status == 2
 
 
+@pytest.mark.parametrize("name", ["../../etc", "../etc/passwd", "a/../../etc/passwd", "x/",
+                                  "/etc/passwd"])
+def test_listed_names_with_a_slash_are_parse_errors_never_walked_or_saved(sim_factory, tmp_path,
+                                                                        name):
+    # A hostile listing of /data names things outside it; each such line is
+    # an error like any line that cannot be read, and nothing it names is
+    # listed, saved or written to the archive or the catalog.
+    tree = dict(TREE, etc={"passwd": "root:x:0:0"})
+    lines = ["-rw-r--r--   1 QSYS 0 10 Jan  2  2009 " + name,
+             "drwxr-xr-x   1 QSYS 0 8192 Jan  2  2009 " + name]
+    sim = sim_factory(tree=tree, config={"extra_list_lines": {"/data": lines}})
+    r = backup(sim, tmp_path, "-m", "0", include="/data\n")
+    for line in lines:
+        assert has_fail(r.err_lines, "backup", 'name holds a "/": ' + line), r.err
+    assert has_fail(r.err_lines, "backup", "2 parse errors in directory /data"), r.err
+    assert "** Parsing Errors : 2" in r.out_lines, r.out
+    assert [c for c in sim.lines() if "etc" in c] == []
+    assert sorted(e.name for e in read_archive(r.archive)) == [
+        "/Security Data", "/System Configuration", "/data/a.txt", "/data/b.txt"]
+    assert not [c for c in r.catalog if "etc" in c]
+    # The errors decide the status, as for any line that cannot be read.
+    assert r.status == 2
+
+
 def test_over_long_include_lines_and_bad_credentials(sim_factory, tmp_path):
     sim = sim_factory(tree=TREE)
     inc = tmp_path / "inc"

@@ -12,7 +12,7 @@ import os
 import subprocess
 
 from ctarread import read_archive
-from vlib import backup, has_fail, restore, terminated
+from vlib import backup, creds, has_fail, restore, terminated, vondral
 
 CTAR = os.environ.get("CTAR_BIN") or str(simlib.repo_root() / "build" / "ctar")
 
@@ -218,6 +218,51 @@ def test_a_passive_reply_naming_another_host_moves_no_data_there(sim_factory, tm
     back = restore(target, r.archive)
     assert back.status == 0, back.err
     assert not simlib.compare_trees(source.root, target.root)
+    FIGURES["survived as promised"] += 1
+
+
+GIVEN_UP = "reply longer than 1000 lines or 262144 bytes: connection given up"
+
+
+@pytest.mark.parametrize("match", ["^PASS ", "^PASV$", "^RCMD SAVDLO"])
+def test_a_line_end_split_between_two_sends_is_one_line_end(sim_factory, tmp_path, match):
+    # Every reply to the matched command comes as "...\r", a pause, "\n":
+    # read as one line at once, never a wait for a poll step (60 s) that
+    # fails the command.
+    FIGURES["faults tried"] += 1
+    sim = sim_factory(tree=TREE, config={"faults": [
+        {"match": match, "action": "split_line_end", "seconds": 0.2}]})
+    r = backup(sim, tmp_path, "-x", "no", tag="split", timeout=40)
+    assert r.status == 0, r.err
+    assert not [line for line in r.err_lines if "timedout" in line], r.err
+    assert sum(1 for c in sim.lines() if re.search(match, c)) >= 1
+    assert sorted(e.name for e in verified(r.archive)) == sorted(OBJECTS)
+    FIGURES["survived as promised"] += 1
+
+
+def test_a_greeting_that_never_ends_is_given_up(sim_factory):
+    FIGURES["faults tried"] += 1
+    sim = sim_factory(tree=TREE, config={"endless_greeting": True, "talk_pace": 0})
+    r = vondral("-s", sim.addr, "-c", creds(), "-t", timeout=30)
+    assert has_fail(r.err_lines, "socket", GIVEN_UP), r.err
+    assert has_fail(r.err_lines, "socket", "couldn't open control connection"), r.err
+    assert r.status == 255, r.err
+    assert sim.lines() == []  # not a word said to it
+    FIGURES["survived as promised"] += 1
+
+
+def test_a_reply_that_never_ends_fails_its_command_like_a_broken_connection(sim_factory, tmp_path):
+    # Given up at the bound, the connection goes the way of a dropped one:
+    # the session is recovered, the save runs again and the backup is whole.
+    FIGURES["faults tried"] += 1
+    sim = sim_factory(tree=TREE, config={"talk_pace": 0, "faults": [
+        {"match": "^RCMD SAVDLO", "nth": 1, "action": "endless_reply"}]})
+    r = backup(sim, tmp_path, "-x", "no", tag="endless", timeout=60)
+    assert has_fail(r.err_lines, "socket", GIVEN_UP), r.err
+    assert has_fail(r.err_lines, "ftp", "recovering checkpoint"), r.err
+    assert r.status == 0, r.err
+    assert sum(1 for c in sim.lines() if c.startswith("RCMD SAVDLO")) == 2
+    assert sorted(e.name for e in verified(r.archive)) == sorted(OBJECTS)
     FIGURES["survived as promised"] += 1
 
 

@@ -249,6 +249,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(memchr(context->carry, '\0', sizeof context->carry) != nullptr);
   FUZZ_CHECK(strcmp(context->path, path) == 0);
   FUZZ_CHECK(root->count == CheckNode(root));
+  // Every placed name is one entry of the listed directory: no "/" but the
+  // one in front of it (behind the include path's leading part at the root
+  // of a pattern).
+  const size_t prefix = (settings & 3) == 1 ? strlen("/home") : 0;
+  for (const ObjectFile* file = listed->first_file; file; file = file->next)
+    FUZZ_CHECK(strlen(file->name) > prefix && strchr(file->name + prefix + 1, '/') == nullptr);
+  for (const ObjectNode* child = listed->first_dir; child; child = child->next)
+    FUZZ_CHECK(strlen(child->name) > prefix && strchr(child->name + prefix + 1, '/') == nullptr);
 
   clock = time(nullptr);
   struct tm after{};

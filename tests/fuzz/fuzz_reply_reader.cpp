@@ -5,13 +5,14 @@
 // out as SOCK_SEQPACKET records whose lengths cycle through the four (0:
 // everything left), so each read() of the reader ends where the input says:
 // the reader's line counting depends on where reads end (a CR LF split
-// between two reads is not counted), and a plain stream socket would hand
-// everything over in one read. A record longer than the reader's free room
+// between two reads must count as one line end all the same), and a plain
+// stream socket would hand everything over in one read. A record longer than the reader's free room
 // loses its tail, which is just another byte stream the server could send.
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -130,12 +131,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       FUZZ_CHECK(memmem(line, length, "\r\n", 2) == nullptr);
       bool positive = length > 0 && (line[0] == '2' || line[0] == '3');
       FUZZ_CHECK((result == 0) == positive);
+      // A line "nnn-" opens a multi-line reply: it is never the final one.
+      FUZZ_CHECK(!(length >= 4 && isdigit(static_cast<unsigned char>(line[0])) &&
+                   isdigit(static_cast<unsigned char>(line[1])) && isdigit(static_cast<unsigned char>(line[2])) &&
+                   line[3] == '-'));
+      // The reply was taken whole: the next one starts afresh.
+      FUZZ_CHECK(control->reply_code[0] == '\0' && control->reply_lines == 0 && control->reply_bytes == 0);
     }
+    // No reply is read past its bounds.
+    FUZZ_CHECK(control->reply_lines <= ReplyLinesMax && control->reply_bytes <= ReplyBytesMax);
     FUZZ_CHECK(control->reply_held >= 0 && control->reply_held <= control->reply_capacity);
     FUZZ_CHECK(control->lines_held >= 0);
-    // A counted line end must really be held, or the next call finds no
-    // line where it was promised one.
-    FUZZ_CHECK(control->lines_held <= CountLineEnds(control->reply, control->reply_held));
+    // Every held line end is counted, wherever the reads ended: one not
+    // counted would leave a whole line waiting for a read that may never
+    // come, one counted too many would promise a line that is not there.
+    FUZZ_CHECK(control->lines_held == CountLineEnds(control->reply, control->reply_held));
     for (size_t i = 0; i < sizeof control->server; i++)
       FUZZ_CHECK(reinterpret_cast<const uint8_t*>(&control->server)[i] == 0xA5);
     for (size_t i = 0; i < sizeof control->server_text; i++)

@@ -71,6 +71,16 @@ void ReplySeeds() {
       whole + std::string(4096, '2') + "\r\n250 after a line too long\r\n",
       Bytes({255, 255, 255, 255}) + std::string(4200, 'x'),
       whole + "250-" + std::string(3000, 'm') + "\r\n250-" + std::string(3000, 'n') + "\r\n250 end\r\n",
+      // Continuation lines without a code, or with another one, and a
+      // final line whose CR and LF come in two reads.
+      whole + "230-Welcome\r\n  230 is not final\r\nhello\r\n231 other\r\n230 done\r\n",
+      Bytes({15, 1, 0, 0}) + "550-No\r\n550 No.\r\n200 ok\r\n",
+      // A reply of 1001 lines: past the bound.
+      [] {
+        std::string text = std::string(4, '\0');
+        for (int i = 0; i < 1000; i++) text += "220-x\r\n";
+        return text + "220 end\r\n";
+      }(),
   };
   Write("reply_reader", seeds);
 }
@@ -183,6 +193,53 @@ std::vector<std::string> Headers() {
   return seeds;
 }
 
+// Archive images: whole ones, an empty one, sizes around the largest an
+// entry can have, one cut short, one with an entry behind an early end
+// block (a broken retrieval's trace) and one with a damaged header.
+std::vector<std::string> Archives() {
+  struct tm when{};
+  when.tm_year = 109;
+  when.tm_mday = 2;
+  unsigned char block[CtarBlockSize];
+  auto header = [&](const char* name, uint64_t size, uint32_t mode) {
+    return std::string(reinterpret_cast<char*>(BuildCtarHeader(block, name, size, mode, when)), CtarBlockSize);
+  };
+  auto data = [](size_t size, char fill) {
+    return std::string(size, fill) + std::string((CtarBlockSize - size % CtarBlockSize) % CtarBlockSize, '\0');
+  };
+  const std::string end(reinterpret_cast<char*>(BuildCtarSentinel(block)), CtarBlockSize);
+  const std::string library = header("/QSYS.LIB/PAYROLL.LIB", 700, S_IFREG | 0700) + data(700, 'l');
+  const std::string file = header("/home/user/f", 10, S_IFREG | 0644) + data(10, 'f');
+  std::string damaged = header("/home/user/g", 10, S_IFREG | 0644);
+  damaged[148] = '9';
+  return {
+      library + file + end,
+      end,
+      header("/Security Data", 1000, S_IFREG | 0600) + data(1000, 's') + header("/home/d", 3, S_IFDIR | 0755) +
+          data(3, 'd') + end,
+      header("/home/x", 0x7FFFFFFFFFFFFFFFull, S_IFREG | 0644) + end,
+      header("/home/x", CtarLargestSize - 511, S_IFREG | 0644) + end,
+      file + header("/home/x", CtarLargestSize - 1536, S_IFREG | 0644) + end,
+      header("/home/x", UINT64_MAX, S_IFREG | 0644) + end,
+      library.substr(0, 900),
+      file + end + library + end,
+      file + damaged + data(10, 'g') + library + end,
+  };
+}
+
+void ArchiveSeeds() {
+  std::vector<std::string> restore, survey;
+  int n = 0;
+  for (const std::string& archive : Archives()) {
+    // Every server side and both ways of reading, spread over the images.
+    restore.push_back(std::string(1, static_cast<char>(n % 8)) + archive);
+    survey.push_back(std::string(1, static_cast<char>(n % 2)) + archive);
+    n++;
+  }
+  Write("restore_driver", restore);
+  Write("ctar_survey", survey);
+}
+
 void PathFileSeeds() {
   Write("match_path_file", {
                                Bytes({0}) + "/QSYS.LIB/X.LIB/Y.FILE\n/QSYS.LIB/X.LIB\n",
@@ -230,5 +287,6 @@ int main(int argc, char** argv) {
   Write("ctar_header", Headers());
   PathFileSeeds();
   RestoreReplySeeds();
+  ArchiveSeeds();
   return 0;
 }

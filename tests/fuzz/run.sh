@@ -13,12 +13,13 @@ here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
 build=${FUZZ_BUILD:-$root/build-fuzz}
 seconds=${FUZZ_SECONDS:-30}
-targets=${FUZZ_TARGETS:-"reply_reader pasv_reply listing ctar_header match_path_file restore_reply"}
+targets=${FUZZ_TARGETS:-"reply_reader pasv_reply listing ctar_header match_path_file restore_reply restore_driver ctar_survey"}
 jobs=${FUZZ_JOBS:-$(nproc 2>/dev/null || echo 2)}
 
 # Longest input worth trying per target: a few reply buffers' worth of
 # server bytes; a reply line; listing lines around the 4096-byte carry
-# buffer; one header block and a size byte; a path and a path file; a reply.
+# buffer; one header block and a size byte; a path and a path file; a reply;
+# archives of a few blocks for the restore driver and for ctar's survey.
 max_len() {
   case $1 in
     reply_reader) echo 16384 ;;
@@ -27,6 +28,8 @@ max_len() {
     ctar_header) echo 513 ;;
     match_path_file) echo 12000 ;;
     restore_reply) echo 512 ;;
+    restore_driver) echo 8192 ;;
+    ctar_survey) echo 16384 ;;
     *) echo 4096 ;;
   esac
 }

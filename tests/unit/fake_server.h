@@ -103,6 +103,16 @@ struct PeerConnection {
     data_listener = -1;
     return fd_data;
   }
+  // An upload: the client's data connection accepted and read to its end.
+  std::string ReceiveUpload() {
+    int fd_data = AcceptData();
+    std::string data;
+    char chunk[8192];
+    for (ssize_t n; fd_data >= 0 && (n = read(fd_data, chunk, sizeof chunk)) > 0;)
+      data.append(chunk, static_cast<size_t>(n));
+    if (fd_data >= 0) close(fd_data);
+    return data;
+  }
 };
 
 // The script answers one command; returning false closes the connection
@@ -125,6 +135,12 @@ class FakeFtpServer {
   std::vector<std::string> Commands() {
     std::lock_guard<std::mutex> g(lock_);
     return commands_;
+  }
+  // For a server that outlives many runs (a fuzz target's): the record
+  // starts afresh.
+  void ForgetCommands() {
+    std::lock_guard<std::mutex> g(lock_);
+    commands_.clear();
   }
   int connections() const { return connections_; }
   bool stopping() const { return stop_; }

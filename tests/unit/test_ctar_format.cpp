@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "archive/ctar_format.h"
+#include "archive/reader.h"
 #include "test_helpers.h"
 
 namespace {
@@ -135,6 +136,42 @@ TEST(CtarSize, OctalUpToTheLimitAndBase64Above) {
   }
   for (uint64_t size : {0ull, 1000ull, (1ull << 40) + 12345, 1ull << 63})
     EXPECT_EQ(Check(Header("/f", size)).size, size);
+}
+
+// Rounding up to blocks near 2^63: up to CtarLargestSize (2^63 - 512) the
+// result is a whole number of blocks that a signed 64-bit count still
+// holds; beyond it the size is refused (more than any archive holds, or -1)
+// instead of overflowing.
+TEST(CtarSize, RoundingUpToBlocksRefusesSizesWhoseRoundingWouldOverflow) {
+  const uint64_t limit = (1ull << 63) - 512;
+  EXPECT_EQ(CtarLargestSize, limit);
+  const struct {
+    uint64_t size;
+    uint64_t padded;  // UINT64_MAX: refused
+  } cases[] = {
+      {0, 0},
+      {1, 512},
+      {512, 512},
+      {513, 1024},
+      {limit - 1023, limit - 512},
+      {limit - 512, limit - 512},
+      {limit - 511, limit},
+      {limit - 1, limit},
+      {limit, limit},
+      {limit + 1, UINT64_MAX},
+      {0x7FFFFFFFFFFFFFFFull, UINT64_MAX},
+      {1ull << 63, UINT64_MAX},
+      {UINT64_MAX - 511, UINT64_MAX},
+      {UINT64_MAX, UINT64_MAX},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.size);
+    EXPECT_EQ(CtarPaddedSize(c.size), c.padded);
+    if (c.size > static_cast<uint64_t>(INT64_MAX)) continue;
+    EXPECT_EQ(WholeBlocks(static_cast<int64_t>(c.size)),
+              c.padded == UINT64_MAX ? -1 : static_cast<int64_t>(c.padded));
+  }
+  for (int64_t count : {int64_t{-1}, INT64_MIN}) EXPECT_EQ(WholeBlocks(count), 0);
 }
 
 TEST(CtarSize, DecodingNeedsTheHashAndStopsQuietly) {

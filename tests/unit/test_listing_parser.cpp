@@ -227,6 +227,41 @@ TEST_F(ListingParserTest, NamesLinksBlanksAndLeftovers) {
   EXPECT_EQ(dir->partial, 0);  // leftovers do not fail the line
 }
 
+// A name with a "/" would name something outside the listed directory: the
+// line is an error like any other that cannot be used, and nothing of it
+// is placed, in an ordinary directory and at the root of an include path.
+TEST_F(ListingParserTest, NamesWithASlashAreErrorsAndNothingIsPlaced) {
+  const struct {
+    const char* name;
+    int errors;
+  } cases[] = {
+      {"../../etc", 1},   {"a/../../b", 1}, {"x/", 1},          {"/", 1},      {"//", 1},
+      {"/etc/passwd", 1}, {"..", 0},        {"l/x -> t", 1},    {"l -> ../t", 0}, {"a\\b", 0},
+      {"good", 0},
+  };
+  for (const auto& c : cases) {
+    for (const char* mode : {"-rw-r--r--", "drwxr-xr-x"}) {
+      SCOPED_TRACE(std::string(mode) + " " + c.name);
+      TearDown();
+      SetUp();
+      StderrCapture err;
+      const std::string line = std::string(mode) + "   1 A B 3 Jan  2  2009 " + c.name + "\r";
+      EXPECT_EQ(Feed(line + "\n"), c.errors);
+      EXPECT_EQ(dir->partial, c.errors);
+      if (c.errors) {
+        EXPECT_NE(err.Text().find("[backup.cpp,"), std::string::npos) << err.Text();
+        EXPECT_NE(err.Text().find("]: name holds a \"/\": " + line + "\n"), std::string::npos) << err.Text();
+        EXPECT_EQ(dir->first_file, nullptr);
+        EXPECT_EQ(dir->first_dir, nullptr);
+      } else if (std::string(c.name) != "..") {
+        EXPECT_EQ(err.Text(), "");
+        EXPECT_NE(mode[0] == 'd' ? static_cast<const void*>(dir->first_dir) : dir->first_file, nullptr);
+      }
+      ExpectAsReference(line);
+    }
+  }
+}
+
 TEST_F(ListingParserTest, GarbageLinesCountAsErrorsAndMarkTheDirectoryPartial) {
   StderrCapture err;
   EXPECT_EQ(Feed("total 12\r\n"

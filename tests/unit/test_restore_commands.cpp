@@ -80,11 +80,7 @@ struct RestoreFamilyTest : ::testing::Test {
             c.Reply(c.PassiveReply());
           } else if (command.rfind("STOR ", 0) == 0) {
             c.Reply("150 Opening data connection.\r\n");
-            int fd = c.AcceptData();
-            std::string data;
-            char chunk[8192];
-            for (ssize_t n; fd >= 0 && (n = read(fd, chunk, sizeof chunk)) > 0;) data.append(chunk, n);
-            if (fd >= 0) close(fd);
+            std::string data = c.ReceiveUpload();
             std::lock_guard<std::mutex> hold(lock);
             received = data;
             uploads++;

@@ -3,10 +3,12 @@
 // which of its objects the include and exclude files leave to restore.
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "archive/ctar_format.h"
 #include "cli/settings.h"
 #include "restore/entry_selection.h"
 #include "restore/restore.h"
@@ -122,6 +124,70 @@ TEST_F(SelectionTest, NothingIsSaidWithoutVerbose) {
   StderrCapture err;
   EXPECT_EQ(SelectEntryObjects("/home/a"), nullptr);
   EXPECT_EQ(err.Text(), "");
+}
+
+// A crafted size field near 2^63 at the first or at a later header: an
+// entry must end, its data rounded up to blocks, where a signed 64-bit
+// offset still reaches, or the restore ends at it with "bad file size" (it
+// once overflowed in the rounding). Nothing is selected (the exclude file
+// names the entry), so no server is needed: the driver only judges and
+// skips.
+TEST_F(SelectionTest, SizesWhoseRoundingWouldOverflowAreBadSizes) {
+  const uint64_t limit = CtarLargestSize;
+  const struct {
+    bool after_a_first_entry;  // the crafted header at 0x400 instead of 0
+    uint64_t size;
+    bool bad;
+  } cases[] = {
+      {false, 5, false},
+      {false, limit - 512, false},
+      {false, limit - 511, true},
+      {false, limit, true},
+      {false, limit + 1, true},
+      {false, 0x7FFFFFFFFFFFFFFFull, true},
+      {false, 1ull << 63, true},
+      {false, UINT64_MAX, true},
+      {true, limit - 1536, false},
+      {true, limit - 1535, true},
+      {true, limit - 512, true},
+      {true, 0x7FFFFFFFFFFFFFFFull, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.after_a_first_entry) + " " + std::to_string(c.size));
+    TearDown();
+    std::string image;
+    unsigned char block[CtarBlockSize];
+    struct tm when{};
+    when.tm_year = 109;
+    when.tm_mday = 2;
+    if (c.after_a_first_entry)
+      image += std::string(reinterpret_cast<char*>(BuildCtarHeader(block, "/x", 5, 0100644, when)), CtarBlockSize) +
+               std::string(CtarBlockSize, 'd');
+    const size_t offset = image.size();
+    image += std::string(reinterpret_cast<char*>(BuildCtarHeader(block, "/x", c.size, 0100644, when)), CtarBlockSize);
+    if (c.size == 5) image += std::string(CtarBlockSize, 'd');
+    image += std::string(reinterpret_cast<char*>(BuildCtarSentinel(block)), CtarBlockSize);
+    char path[] = "/tmp/vondral-sizes-XXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, image.data(), image.size()), static_cast<ssize_t>(image.size()));
+    close(fd);
+    Settings.restore_path = path;
+    Settings.exclude = StreamWith("/x\n");
+    StdoutCapture out;
+    StderrCapture err;
+    const int result = RestoreArchive(nullptr);
+    unlink(path);
+    const std::string text = err.Text();
+    char offset_text[32];
+    snprintf(offset_text, sizeof offset_text, "0x%zX", offset);
+    const bool said = std::regex_search(
+        text, std::regex(std::string(R"(vondral\[restore\.cpp,\d+\]: bad file size at offset )") + offset_text + "\n"));
+    EXPECT_EQ(said, c.bad) << text;
+    // A size that fits is skipped (a seek, or a read to the end of the
+    // file), after which the archive is found to end inside the entry.
+    EXPECT_EQ(result, c.size == 5 ? 0 : -1) << text;
+  }
 }
 
 }  // namespace

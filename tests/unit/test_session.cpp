@@ -192,6 +192,46 @@ TEST_F(SessionTest, BrokenConnectionBeforeThePointOfNoReturnRunsTheOperationAgai
   EXPECT_EQ(server.connections(), 2);
 }
 
+// A reply that never ends, once: given up at its bound like a broken
+// connection, so the protected operation reconnects, logs in again and
+// runs again, before or after its point of no return as a drop would.
+TEST_F(SessionTest, AReplyWithoutEndIsRecoveredLikeABrokenConnection) {
+  for (const bool past_the_point : {false, true}) {
+    SCOPED_TRACE(past_the_point);
+    std::atomic<int> noops{0};
+    FakeFtpServer server(LoginScript([&](PeerConnection& c, const std::string& command) {
+      if (command != "NOOP" || ++noops > 1) {
+        c.Reply("200 OK\r\n");
+        return true;
+      }
+      const std::string more = "250-The reply goes on.\r\n";
+      while (!c.server->stopping() && send(c.fd, more.data(), more.size(), MSG_NOSIGNAL) > 0) {
+      }
+      return false;
+    }));
+    ASSERT_NE(Open(server), nullptr);
+    ASSERT_EQ(Login(session, "u", "p"), 0);
+    int runs = 0;
+    StderrCapture err;
+    const int result = RunProtected(session, [&] {
+      runs++;
+      if (past_the_point) PassPointOfNoReturn(session);
+      return Command(session->control, "NOOP");
+    });
+    const std::string text = err.Text();
+    EXPECT_EQ(result, past_the_point ? -1 : 0);
+    EXPECT_EQ(runs, past_the_point ? 1 : 2);
+    EXPECT_TRUE(std::regex_search(
+        text, std::regex(R"(\[socket\.cpp,\d+\]: reply longer than 1000 lines or 262144 bytes: connection given up\n)")))
+        << text;
+    EXPECT_NE(text.find("recovering checkpoint"), std::string::npos) << text;
+    EXPECT_EQ(server.connections(), 2);
+    EXPECT_EQ(Command(session->control, "NOOP"), 0);  // the new connection reads on as ever
+    Quit(session);
+    session = nullptr;
+  }
+}
+
 TEST_F(SessionTest, BrokenConnectionAfterThePointOfNoReturnGivesMinusOne) {
   FlakyPeer peer;
   peer.trigger = "LIST";

@@ -4,12 +4,14 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <regex>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "fake_server.h"
 #include "ftp/checkpoint.h"
@@ -83,22 +85,32 @@ TEST_F(TransportTest, GreetingsAndTheLoginTrace) {
   EXPECT_EQ(text.find("Sup3rS3cret"), std::string::npos) << text;
 }
 
-TEST_F(TransportTest, CrLfSplitBetweenReadsIsNotALineEnd) {
-  FakeFtpServer server([](PeerConnection& c, const std::string&) {
-    c.Reply("200 x\r");
-    usleep(100000);
-    c.Reply("\n");
-    usleep(100000);
-    c.Reply("200 y\r\n");
+// A reply sent in two pieces, cut at every place: a CR LF whose CR ends
+// the first read and whose LF starts the second is one line end like any
+// other, so the reply is read at once, never after a poll step.
+TEST_F(TransportTest, ACrLfSplitBetweenTwoReadsIsOneLineEnd) {
+  PollStepMs = 2000;  // a missed line end fails the command after 2 s
+  const std::string sent = "250-first\r\n250 done\r\n";
+  size_t cut = 0;
+  FakeFtpServer server([&](PeerConnection& c, const std::string&) {
+    c.Reply(sent.substr(0, cut));
+    usleep(30000);  // two reads on the other side
+    c.Reply(sent.substr(cut));
     return true;
   });
   ASSERT_NE(Open(server), nullptr);
-  auto start = Clock::now();
-  EXPECT_EQ(Send("NOOP"), 0);
-  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(190));
-  // The second line stays buffered but was never counted.
-  EXPECT_EQ(session->control->reply_held, 7);
-  EXPECT_EQ(session->control->lines_held, 0);
+  for (cut = 1; cut < sent.size(); cut++) {
+    SCOPED_TRACE(cut);
+    Reply reply;
+    StderrCapture err;
+    const auto start = Clock::now();
+    EXPECT_EQ(Send("NOOP", &reply), 0);
+    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(1000));
+    EXPECT_STREQ(reply.line, "250 done");
+    EXPECT_EQ(session->control->reply_held, 0);
+    EXPECT_EQ(session->control->lines_held, 0);
+    EXPECT_EQ(err.Text(), "");
+  }
 }
 
 // The reply reader, one reply per command: intermediate lines are skipped,
@@ -140,9 +152,16 @@ TEST_F(TransportTest, ReplyReaderJudgesFinalLinesUpTo4095Characters) {
   }
 }
 
-// A raw peer, as a command of 4093 characters goes out with CR and a zero
-// byte, which a line-based peer would never see end.
-TEST_F(TransportTest, CommandLimitCountsTheLineEndAnd4093CharactersEndInCrAndAZeroByte) {
+// A raw peer: a command goes out whole with its CR LF up to 4092
+// characters; a longer one is refused and nothing of it is sent (4093
+// characters once went out cut, as CR and a zero byte).
+TEST_F(TransportTest, CommandsUpTo4092CharactersGoOutWholeLongerOnesAreRefused) {
+  const struct {
+    size_t length;
+    int result;
+    bool sent;
+  } cases[] = {{1, 0, true}, {4091, 0, true}, {4092, 0, true}, {4093, -1, false}, {4094, -1, false},
+               {9000, -1, false}};
   sockaddr_in address{};
   int listener = ListenLoopback(&address);
   std::string wire;
@@ -158,18 +177,165 @@ TEST_F(TransportTest, CommandLimitCountsTheLineEndAnd4093CharactersEndInCrAndAZe
   });
   session = NewSessionTo(address);
   ASSERT_NE(session, nullptr);
-  EXPECT_EQ(Send(std::string(4092, 'x')), 0);
-  EXPECT_EQ(Send(std::string(4093, 'y')), 0);
-  {
+  std::string expected;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.length);
+    const std::string command(c.length, static_cast<char>('a' + c.length % 26));
     StderrCapture err;
-    EXPECT_EQ(Send(std::string(4094, 'z')), -1);
-    EXPECT_NE(err.Text().find("command too long"), std::string::npos);
+    EXPECT_EQ(Send(command), c.result);
+    if (c.sent) {
+      expected += command + "\r\n";
+      EXPECT_EQ(err.Text(), "");
+    } else {
+      EXPECT_TRUE(std::regex_search(err.Text(), std::regex(R"(vondral\[socket\.cpp,\d+\]: command too long\n)")))
+          << err.Text();
+    }
   }
   Quit(session);
   session = nullptr;
   peer.join();
   close(listener);
-  EXPECT_EQ(wire, std::string(4092, 'x') + "\r\n" + std::string(4093, 'y') + '\r' + '\0' + "QUIT\r\n");
+  EXPECT_EQ(wire, expected + "QUIT\r\n");
+}
+
+// A multi-line reply runs from its first line "nnn-" to the first line
+// with the same code and a space. Whatever lies between is intermediate,
+// even a line that looks like a reply of its own; the final line is what
+// the command gets, and every line is in the raw log at verbosity 4.
+TEST_F(TransportTest, EveryLineBetweenTheFirstAndTheFinalLineOfAMultiLineReplyIsIntermediate) {
+  const struct {
+    std::vector<std::string> sends;  // each with a pause behind it
+    int result;
+    const char* line;
+  } cases[] = {
+      {{"230-Welcome\r\n  230 is not final\r\nhello\r\n230 done\r\n"}, 0, "230 done"},
+      {{"230-Welcome\r\n", "  230 is not final\r\n", "hello\r\n", "230 done\r\n"}, 0, "230 done"},
+      {{"550-Refused\r\n250 looks positive\r\n200-looks like another\r\n550 No.\r\n"}, 1, "550 No."},
+      {{"250-a\r\n251 another code\r\n250-b\r\n250\r\n2500 x\r\n250 c\r\n"}, 0, "250 c"},
+      {{"250-a\r\n\r\n-\r\n250 \r\n"}, 0, "250 "},
+      {{"250-a\r\n250-b\r\n250 c\r\n"}, 0, "250 c"},
+      // Lines that are no reply at all, outside a multi-line reply.
+      {{"hello\r\n"}, 1, "hello"},
+      {{"  230 not a code\r\n"}, 1, "  230 not a code"},
+      {{"abc-x\r\n"}, 1, "abc-x"},
+      {{"200 ok\r\n"}, 0, "200 ok"},
+  };
+  size_t index = 0;
+  FakeFtpServer server([&](PeerConnection& c, const std::string&) {
+    for (const std::string& piece : cases[index].sends) {
+      c.Reply(piece);
+      usleep(10000);
+    }
+    return true;
+  });
+  ASSERT_NE(Open(server), nullptr);
+  Settings.verbosity = 4;
+  for (index = 0; index < std::size(cases); index++) {
+    std::string all;
+    for (const std::string& piece : cases[index].sends) all += piece;
+    SCOPED_TRACE(all);
+    Reply reply;
+    StdoutCapture out;
+    StderrCapture err;
+    EXPECT_EQ(Send("NOOP", &reply), cases[index].result);
+    EXPECT_STREQ(reply.line, cases[index].line);
+    EXPECT_EQ(session->control->reply_held, 0);
+    EXPECT_EQ(session->control->lines_held, 0);
+    const std::string logged = out.Text();
+    for (size_t at = 0, end; (end = all.find("\r\n", at)) != std::string::npos; at = end + 2)
+      EXPECT_NE(logged.find(all.substr(at, end + 2 - at)), std::string::npos) << all.substr(at, end - at);
+  }
+}
+
+// The bounds of one reply: 1000 lines and 262144 bytes, intermediate lines
+// and line ends included. A reply (or greeting) past either fails like a
+// broken connection: the connection is closed and handed to the checkpoint
+// (none is armed here); one that never ends is given up the same way.
+std::string MultiLineReply(int lines, size_t bytes) {
+  // lines - 1 intermediate lines, then "250 end\r\n"; the last intermediate
+  // line takes up what is left of bytes.
+  const std::string final_line = "250 end\r\n";
+  std::string text;
+  size_t left = bytes - final_line.size();
+  for (int i = 0; i < lines - 1; i++) {
+    const size_t lines_after = static_cast<size_t>(lines - 2 - i);
+    size_t length = i == lines - 2 ? left : std::min<size_t>(4000, left - lines_after * 6);
+    text += "250-" + std::string(length - 6, 'm') + "\r\n";
+    left -= length;
+  }
+  return text + final_line;
+}
+
+TEST_F(TransportTest, AReplyPastItsBoundsIsGivenUpLikeABrokenConnection) {
+  const char* const given_up =
+      R"(vondral\[socket\.cpp,\d+\]: reply longer than 1000 lines or 262144 bytes: connection given up\n)";
+  const struct {
+    const char* what;
+    std::string reply;  // empty: continuation lines without end
+    bool within;
+  } cases[] = {
+      {"1000 lines", MultiLineReply(1000, 1000 * 8), true},
+      {"1001 lines", MultiLineReply(1001, 1001 * 8), false},
+      {"262144 bytes", MultiLineReply(70, 262144), true},
+      {"262145 bytes", MultiLineReply(70, 262145), false},
+      {"1001 lines of 262144 bytes", MultiLineReply(1001, 262144), false},
+      {"without end", "", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    FakeFtpServer server([&](PeerConnection& p, const std::string& command) {
+      if (command != "NOOP") {
+        p.Reply("200 ok\r\n");
+      } else if (!c.reply.empty()) {
+        p.Reply(c.reply);
+      } else {
+        const std::string more = "250-" + std::string(100, 'x') + "\r\n";
+        while (!p.server->stopping() && send(p.fd, more.data(), more.size(), MSG_NOSIGNAL) > 0) {
+        }
+        return false;
+      }
+      return true;
+    });
+    ASSERT_NE(Open(server), nullptr);
+    Reply reply;
+    StderrCapture err;
+    EXPECT_EQ(Send("NOOP", &reply), c.within ? 0 : -1);
+    const std::string text = err.Text();
+    if (c.within) {
+      EXPECT_STREQ(reply.line, "250 end");
+      EXPECT_EQ(text, "");
+      EXPECT_EQ(Send("TYPE I"), 0);  // the next reply is read as ever
+    } else {
+      EXPECT_TRUE(std::regex_search(text, std::regex(given_up))) << text;
+      EXPECT_NE(text.find("jump buffer invalid"), std::string::npos) << text;
+      EXPECT_EQ(session->control->descriptor, -1);
+      EXPECT_EQ(session->control->reply_held, 0);
+      EXPECT_EQ(session->control->reply_lines, 0);
+    }
+    Quit(session);
+    session = nullptr;
+  }
+}
+
+TEST_F(TransportTest, AGreetingPastTheBoundsFailsTheConnection) {
+  const struct {
+    int lines;
+    bool within;
+  } cases[] = {{2, true}, {1000, true}, {1001, false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.lines);
+    std::string greeting;
+    for (int i = 1; i < c.lines; i++) greeting += "220-line " + std::to_string(i) + "\r\n";
+    FakeFtpServer server(LoginScript(), greeting + "220 ready\r\n");
+    StderrCapture err;
+    FtpSession* opened = NewSessionTo(server.address());
+    EXPECT_EQ(opened != nullptr, c.within);
+    const std::string text = err.Text();
+    EXPECT_EQ(text.find("reply longer than 1000 lines or 262144 bytes: connection given up\n") != std::string::npos,
+              !c.within)
+        << text;
+    if (opened) Quit(opened);
+  }
 }
 
 TEST(ParsePassiveReply, ReadsAddressAndPortAndRefusesWhatDoesNotFitTheTextField) {
