@@ -3,8 +3,9 @@
 #             $(DESTDIR)$(PREFIX) (PREFIX defaults to /usr/local)
 # make demo   backs up a simulated server and restores it into an empty one
 # make test   installs what the tests need (as root), builds, runs every test
-# make bench  vondral against curl and this machine's limits: prints the
-#             table and writes it to bench/results.md (BENCH_GIB=2 BENCH_REPS=7)
+# make bench  vondral against curl (in clear and over FTPS) and this
+#             machine's limits: prints the table and writes it to
+#             bench/results.md (BENCH_GIB=2 BENCH_REPS=7)
 BUILD := build
 JOBS  ?= 2
 PREFIX ?= /usr/local

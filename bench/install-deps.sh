@@ -1,5 +1,6 @@
 #!/bin/sh
 # What `make bench` needs besides the build: curl (the tool it compares
-# with), Google Benchmark, the simulator's pyftpdlib, unshare and ip for the
-# private network namespace.
-exec "$(dirname "$0")/../tools/install-deps.sh" curl libbenchmark-dev python3-pyftpdlib iproute2 util-linux cmake g++
+# with), Google Benchmark, the simulator's pyftpdlib, openssl for the FTPS
+# certificates (and libssl-dev, which the library links), unshare and ip for
+# the private network namespace.
+exec "$(dirname "$0")/../tools/install-deps.sh" curl libbenchmark-dev python3-pyftpdlib openssl libssl-dev iproute2 util-linux cmake g++

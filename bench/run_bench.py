@@ -2,7 +2,8 @@
 """`make bench`: vondral against curl and against the limits of this machine.
 
 Runs inside a private network namespace (tools/netns.sh), where the
-simulated IBM i listens on 127.0.0.x port 21. Every comparison runs both
+simulated IBM i listens on 127.0.0.x port 21, once in clear and once with
+FTPS (its own test CA, made with openssl). Every comparison runs both
 sides in the same run against the same server, alternating their order,
 several times; the table shows medians and ratios. The table is printed
 and written to bench/results.md together with the machine's figures.
@@ -27,6 +28,7 @@ from pathlib import Path
 REPO = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(REPO / "tests" / "e2e"))
 
+import certs  # noqa: E402
 import simlib  # noqa: E402
 
 GIB = 1 << 30
@@ -125,6 +127,7 @@ class Bench:
                       int(gib * GIB / 2) // 512 * 512,
                       int(gib * GIB) // 512 * 512]
         self.addr = "127.0.0.42"
+        self.tls_addr = "127.0.0.43"
         self.results = {}
 
     def object_path(self, size):
@@ -153,6 +156,21 @@ class Bench:
         self.sim = simlib.Sim(self.addr, root, config,
                               state_dir=self.server_dir / "state")
         self.sim.start()
+        # The same server with explicit FTPS, serving the same tree.
+        made = certs.make_certs(self.work / "certs")
+        cert, key = made.good
+        self.tls_sim = simlib.Sim(
+            self.tls_addr, root,
+            dict(config, tls={"cert": str(cert), "key": str(key)}),
+            state_dir=self.server_dir / "state-tls")
+        self.tls_sim.start()
+        # how each client reaches each server: address, vondral's options,
+        # curl's options
+        self.over = {
+            "clear": (self.sim, self.addr, [], []),
+            "tls": (self.tls_sim, self.tls_addr, ["--tls", "--cacert", made.ca],
+                    ["--ssl-reqd", "--cacert", str(made.ca)]),
+        }
         self.include = {}
         for size in self.sizes:
             p = self.work / ("include-%d.txt" % size)
@@ -161,28 +179,31 @@ class Bench:
         self.exclude = self.work / "exclude.txt"
         self.exclude.write_text("/Security Data\n/System Configuration\n")
 
-    def run(self, cmd):
-        return Run(cmd, self.sim.proc.pid, self.work)
+    def run(self, cmd, over="clear"):
+        return Run(cmd, self.over[over][0].proc.pid, self.work)
 
     # --- backup: vondral -b against curl's download
 
-    def vondral_backup(self, size, archive):
-        r = self.run([self.vondral, "-s", self.addr, "-c",
+    def vondral_backup(self, size, archive, over="clear"):
+        _, addr, flags, _ = self.over[over]
+        r = self.run([self.vondral, "-s", addr, "-c",
                       "%s:here:%s" % (USER, PASSWORD), "-b", archive,
-                      "-i", self.include[size], "-e", self.exclude, "-v2"])
+                      "-i", self.include[size], "-e", self.exclude, "-v2",
+                      *flags], over)
         r.check("vondral -b")
         r.transfer = own_line(r.output, r"Xfer:", self.object_path(size))
         return r
 
-    def curl_download(self, size, out):
-        r = self.run(["curl", "-sS", "--ftp-method", "nocwd",
+    def curl_download(self, size, out, over="clear"):
+        _, addr, _, flags = self.over[over]
+        r = self.run(["curl", "-sS", "--ftp-method", "nocwd", *flags,
                       "-u", "%s:%s" % (USER, PASSWORD),
                       "-Q", "RCMD CRTSAVF FILE(QTEMP/BENCH)",
                       "-Q", "RCMD SAV DEV('/QSYS.LIB/QTEMP.LIB/BENCH.FILE') "
                       "OBJ(('%s'))" % self.object_path(size),
                       "-o", out, "-w", CURL_FORMAT,
                       "ftp://%s/%%2FQSYS.LIB/QTEMP.LIB/BENCH.SAVF"
-                      % self.addr])
+                      % addr], over)
         r.check("curl download")
         pre, total, got, _ = r.output.split()[-4:]
         if int(float(got)) != size:
@@ -204,21 +225,22 @@ class Bench:
             log("  %s %.2f GiB round %d/%d done" % (label, size / GIB, i, reps))
         return runs
 
-    def backup(self, size, reps):
+    def backup(self, size, reps, over="clear"):
         archive = self.work / "backup.ctar"
         download = self.work / "download.savf"
 
         def vondral():
-            r = self.vondral_backup(size, archive)
+            r = self.vondral_backup(size, archive, over)
             archive.unlink()
             return r
 
         def curl():
-            r = self.curl_download(size, download)
+            r = self.curl_download(size, download, over)
             download.unlink()
             return r
 
-        return self.alternate("backup", size, reps, {"vondral": vondral, "curl": curl})
+        return self.alternate("backup (%s)" % over, size, reps,
+                              {"vondral": vondral, "curl": curl})
 
     def keep_archive(self, size):
         """An archive holding the entry, on disk, and curl's download of
@@ -241,21 +263,23 @@ class Bench:
 
     # --- restore: vondral -r against curl's upload
 
-    def vondral_restore(self, size, archive):
-        r = self.run([self.vondral, "-s", self.addr, "-c",
+    def vondral_restore(self, size, archive, over="clear"):
+        _, addr, flags, _ = self.over[over]
+        r = self.run([self.vondral, "-s", addr, "-c",
                       "%s:here:%s" % (USER, PASSWORD), "-r", archive,
-                      "-i", self.include[size], "-v2"])
+                      "-i", self.include[size], "-v2", *flags], over)
         r.check("vondral -r")
         r.transfer = own_line(r.output, r"Transfer :")
         return r
 
-    def curl_upload(self, size, image):
-        r = self.run(["curl", "-sS", "--ftp-method", "nocwd",
+    def curl_upload(self, size, image, over="clear"):
+        _, addr, _, flags = self.over[over]
+        r = self.run(["curl", "-sS", "--ftp-method", "nocwd", *flags,
                       "-u", "%s:%s" % (USER, PASSWORD),
                       "-Q", "RCMD CRTSAVF FILE(QTEMP/BENCH)",
                       "-T", image, "-w", CURL_FORMAT,
                       "ftp://%s/%%2FQSYS.LIB/QTEMP.LIB/BENCH.SAVF"
-                      % self.addr])
+                      % addr], over)
         r.check("curl upload")
         pre, total, _, sent = r.output.split()[-4:]
         if int(float(sent)) != size:
@@ -263,10 +287,10 @@ class Bench:
         r.transfer = float(total) - float(pre)
         return r
 
-    def restore(self, size, reps, archive, image):
-        return self.alternate("restore", size, reps, {
-            "vondral": lambda: self.vondral_restore(size, archive),
-            "curl": lambda: self.curl_upload(size, image)})
+    def restore(self, size, reps, archive, image, over="clear"):
+        return self.alternate("restore (%s)" % over, size, reps, {
+            "vondral": lambda: self.vondral_restore(size, archive, over),
+            "curl": lambda: self.curl_upload(size, image, over)})
 
     # --- walks of synthetic listings
 
@@ -422,6 +446,11 @@ def main():
                                            memory_image)
                 in_memory.unlink()
                 memory_image.unlink()
+                log("backup and restore of %.2f GiB over FTPS ..."
+                    % (size / GIB))
+                backup_tls = b.backup(size, small_reps, "tls")
+                restore_tls = b.restore(size, small_reps, archive, image,
+                                        "tls")
             archive.unlink()
             image.unlink()
         walks = {}
@@ -429,8 +458,9 @@ def main():
             log("walk of %s objects ..." % label)
             walks[n] = b.walk(path, 3)
     finally:
-        if getattr(b, "sim", None):
-            b.sim.stop()
+        for sim in (getattr(b, "sim", None), getattr(b, "tls_sim", None)):
+            if sim:
+                sim.stop()
         b.cleanup()
     load1 = os.getloadavg()
     elapsed = time.monotonic() - started
@@ -500,6 +530,17 @@ def main():
         "as curl does), against `curl -T` of a copy there too",
         vm, cm, big, small_reps, 1.0)
     out += lines
+    for title, runs in (
+            ("Backup over FTPS: `vondral -b --tls` against `curl "
+             "--ssl-reqd` downloading the save file", backup_tls),
+            ("Restore over FTPS: `vondral -r --tls` against `curl "
+             "--ssl-reqd -T` uploading the same bytes", restore_tls)):
+        lines, _, _, _ = comparison(title, side(runs["vondral"], big),
+                                    side(runs["curl"], big), big,
+                                    small_reps, 1.0)
+        out += lines[:-1] + [
+            "The server encrypts and decrypts in Python's ssl module "
+            "(OpenSSL), one thread per session, without sendfile.", ""]
 
     lim = limits
     out += [

@@ -21,6 +21,7 @@ import select
 import shutil
 import signal
 import socket
+import ssl
 import sys
 import tempfile
 import threading
@@ -33,6 +34,7 @@ if HERE not in sys.path:
     sys.path.insert(0, HERE)
 
 from pyftpdlib.handlers import FTPHandler  # noqa: E402
+from pyftpdlib.ioloop import RetryError  # noqa: E402
 from pyftpdlib.servers import ThreadedFTPServer  # noqa: E402
 
 import clparse  # noqa: E402
@@ -58,6 +60,13 @@ SEND_CHUNK = 1 << 22  # sendfile request size for RETR
 DATA_ACTIONS = ("close_data_after", "stall_data", "close_after_data",
                 "drip_data", "pace_data")
 PACE_STEP = 0.05     # seconds between the chunks of a paced transfer
+HANDSHAKE_TIMEOUT = 10  # seconds a TLS handshake may take
+TLS_CHUNK = 1 << 18  # file bytes read per TLS send (no sendfile under TLS)
+CLEAR_KEPT = 4096    # bytes of a data connection in clear kept in the log
+# what a non-blocking socket (plain or TLS) says when it must be tried again
+RETRY = (BlockingIOError, InterruptedError, ssl.SSLWantReadError,
+         ssl.SSLWantWriteError)
+TLS_COMMANDS = ("AUTH", "PBSZ", "PROT")
 
 
 class Rule:
@@ -129,6 +138,10 @@ class SimState:
         self.endless = {norm(p) for p in config.get("endless_depth", [])}
         self.unterminated = {norm(p) for p in
                              config.get("unterminated_last_line", [])}
+        # FTPS (RFC 4217); one context for every connection, so a data
+        # connection can resume the TLS session of its control connection
+        self.tls = config.get("tls")
+        self.tls_context = tls_context(self.tls) if self.tls else None
 
     # --- log
 
@@ -299,6 +312,29 @@ def _synthetic_lines(names, directories, names_only, config, dates,
     return b"".join(lines) if joined else lines
 
 
+def tls_context(cfg):
+    """The server's TLS context: TLS 1.2 and later unless max_version
+    (a name of ssl.TLSVersion) asks for an older protocol only, to make
+    every modern client's handshake fail."""
+    ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    ctx.load_cert_chain(cfg["cert"], cfg["key"])
+    # a peer that hangs up without close_notify is noticed and logged
+    ctx.options &= ~getattr(ssl, "OP_IGNORE_UNEXPECTED_EOF", 0)
+    if cfg.get("max_version"):
+        ctx.set_ciphers("DEFAULT:@SECLEVEL=0")
+        ctx.minimum_version = ssl.TLSVersion.MINIMUM_SUPPORTED
+        ctx.maximum_version = ssl.TLSVersion[cfg["max_version"]]
+    else:
+        ctx.minimum_version = ssl.TLSVersion.TLSv1_2
+    return ctx
+
+
+def tls_details(sock):
+    version = sock.version()
+    cipher = sock.cipher()
+    return {"version": version, "cipher": cipher[0] if cipher else None}
+
+
 def norm(path):
     """Normalise an absolute server path (no trailing or double slashes)."""
     p = posixpath.normpath("/" + path.lstrip("/"))
@@ -324,7 +360,8 @@ class SimHandler(FTPHandler):
             ("EPSV", True), ("LIST", True), ("NLST", True), ("RETR", True),
             ("STOR", True), ("MKD", True), ("XMKD", True), ("TYPE", True),
             ("STRU", True), ("MODE", True), ("SITE", True), ("RCMD", True),
-            ("TIME", True), ("ABOR", True))
+            ("TIME", True), ("ABOR", True), ("AUTH", False),
+            ("PBSZ", False), ("PROT", False))
     }
 
     def __init__(self, conn, server, ioloop=None):
@@ -340,6 +377,10 @@ class SimHandler(FTPHandler):
         self._cur_line = ""
         self._gone = False
         self._greeting_talks = False
+        self._tls_control = False   # the control connection is under TLS
+        self._tls_pending = False   # implicit TLS: handshake still to do
+        self._prot_p = False        # PROT P: data connections under TLS
+        self._refusal = None        # final reply when no data connection
         self.timeout = int(self.state.config.get("idle_timeout", 300))
         super().__init__(conn, server, ioloop)
 
@@ -381,6 +422,13 @@ class SimHandler(FTPHandler):
 
     def handle(self):
         self.state.record({"session": self.sid, "event": "connect"})
+        if self.state.tls and self.state.tls.get("implicit"):
+            # the handshake blocks: it is done in the session's own thread
+            self._tls_pending = True
+            return
+        self._greet()
+
+    def _greet(self):
         lines = self.state.config.get("greeting", DEFAULT_GREETING)
         if isinstance(lines, str):
             lines = [lines]
@@ -397,6 +445,11 @@ class SimHandler(FTPHandler):
 
     def add_channel(self, map=None, events=None):
         super().add_channel(map, events)
+        if self._tls_pending and self.ioloop is not self.server.ioloop:
+            self._tls_pending = False
+            if self._start_control_tls():
+                self._greet()
+            # else: no greeting; whatever arrives in clear is still logged
         # handle() runs in the thread that accepts connections, which must
         # never block; the session's thread registers the connection with
         # its own loop here, and a greeting that never ends is talked there.
@@ -408,6 +461,11 @@ class SimHandler(FTPHandler):
     def close(self):
         if not self._gone:
             self._gone = True
+            rest = b"".join(self._in_buffer) + (self.ac_in_buffer or b"")
+            if rest and self.state.tls is not None and not self._tls_control:
+                # a line cut short by the hang-up still counts as sent
+                self.state.record({"session": self.sid, "clear_rest":
+                                   rest.decode("latin-1")})
             self._close_data()
             if self.workdir:
                 shutil.rmtree(self.workdir, ignore_errors=True)
@@ -458,11 +516,152 @@ class SimHandler(FTPHandler):
                     break  # the client hung up
                 if w:
                     pending = pending[sock.send(pending):]
-            except (BlockingIOError, InterruptedError):
+            except RETRY:
                 pass
             except OSError:
                 break
         self._drop_session()
+
+    # --- TLS on the control connection
+
+    def send(self, data):
+        if not self._tls_control:
+            return super().send(data)
+        try:
+            return self.socket.send(data)
+        except RETRY:
+            return 0
+        except OSError:
+            self.handle_close()
+            return 0
+
+    def recv(self, buffer_size):
+        if not self._tls_control:
+            return super().recv(buffer_size)
+        try:
+            data = self.socket.recv(buffer_size)
+        except RETRY:
+            raise RetryError
+        except OSError:
+            data = b""
+        if not data:
+            self.handle_close()
+        return data
+
+    def handle_read(self):
+        super().handle_read()
+        # decrypted bytes already inside the TLS layer wake no poll
+        while self._tls_control and not self._closed and \
+                self.socket.pending():
+            super().handle_read()
+
+    def _start_control_tls(self):
+        """Handshake on the control connection (blocking, bounded). True
+        when it is under TLS; on failure the connection stays in clear, so
+        a client that goes on without TLS is caught in the log."""
+        plain = self.socket
+        pending = b"".join(bytes(p) for p in self.producer_fifo if p)
+        self.producer_fifo.clear()
+        plain.settimeout(HANDSHAKE_TIMEOUT)  # replies before TLS go out whole
+        try:
+            plain.sendall(pending)
+        except OSError:
+            pass
+        ok, tls = self._handshake(plain, "control")
+        if not ok:
+            plain = socket.socket(fileno=tls.detach())
+            plain.setblocking(False)
+            self.socket = plain
+            return False
+        tls.setblocking(False)
+        self.socket = tls
+        self._tls_control = True
+        return True
+
+    def _handshake(self, sock, on):
+        """The server's side of a TLS handshake on sock, bounded in time
+        and logged: (True, TLS socket), or (False, the TLS socket, still
+        open) after a failure."""
+        sock.settimeout(HANDSHAKE_TIMEOUT)
+        tls = self.state.tls_context.wrap_socket(
+            sock, server_side=True, do_handshake_on_connect=False,
+            suppress_ragged_eofs=False)
+        try:
+            tls.do_handshake()
+        except (OSError, ValueError) as e:
+            self.state.record({"session": self.sid, "event": "tls_failed",
+                               "on": on, "error": str(e)})
+            return False, tls
+        rec = dict(tls_details(tls), session=self.sid, event="tls", on=on)
+        if on == "data":
+            rec["reused"] = tls.session_reused
+        self.state.record(rec)
+        return True, tls
+
+    def ftp_AUTH(self, arg):
+        if self._tls_control:
+            self.respond("503 Security environment already established.")
+        elif arg.strip().upper() not in ("TLS", "TLS-C", "SSL"):
+            self.respond("504 Security mechanism %s not supported." % arg)
+        else:
+            self.respond("234 Security environment established - ready "
+                         "for negotiation.")
+            self._start_control_tls()
+
+    def ftp_PBSZ(self, arg):
+        if not self._tls_control:
+            self.respond("503 Security data exchange not complete.")
+        else:
+            self.respond("200 PBSZ=0")
+
+    def ftp_PROT(self, arg):
+        level = arg.strip().upper()
+        if not self._tls_control:
+            self.respond("503 Security data exchange not complete.")
+        elif level in ("P", "C"):
+            self._prot_p = level == "P"
+            self.respond("200 Protection level set to %s."
+                         % ("Private" if self._prot_p else "Clear"))
+        elif level in ("S", "E"):
+            self.respond("536 Protection level %s not supported." % level)
+        else:
+            self.respond("504 Protection level %s not understood." % level)
+
+    def _data_tls(self, conn):
+        """The accepted data connection under TLS, or None (then
+        self._refusal is the reply) when its handshake fails or, with
+        require_reuse, it does not resume the control connection's
+        session."""
+        ok, tls = self._handshake(conn, "data")
+        if not ok:
+            tls.close()
+            return None
+        if self.state.tls.get("require_reuse", True) and \
+                not tls.session_reused:
+            self._refusal = "522 SSL connection failed: session reuse " \
+                            "required."
+            tls.close()
+            return None
+        tls.setblocking(False)
+        return tls
+
+    def _plain_data(self):
+        """Whether the configuration keeps this command's data connection
+        in clear despite PROT P: plain_data true, or a regex it matches."""
+        plain = self.state.tls.get("plain_data", False)
+        if isinstance(plain, str):
+            return re.search(plain, self._cur_line) is not None
+        return bool(plain)
+
+    @staticmethod
+    def _close_notify(conn):
+        """End TLS on a data connection with close_notify, without waiting
+        for the client's."""
+        if isinstance(conn, ssl.SSLSocket):
+            try:
+                conn.unwrap()
+            except (OSError, ValueError):
+                pass
 
     def _restart_idle_timer(self):
         if self._idler is not None and not self._idler.cancelled:
@@ -487,7 +686,10 @@ class SimHandler(FTPHandler):
         st = self.state
         # the log is written before anything happens, so a test still sees
         # the command even when it makes the session vanish
-        st.record({"session": self.sid, "cmd": line})
+        rec = {"session": self.sid, "cmd": line}
+        if st.tls is not None and not self._tls_control:
+            rec["clear"] = True
+        st.record(rec)
         fired = st.fired_faults(line)
         for rule in fired:
             st.record({"session": self.sid, "fault": rule.action,
@@ -534,7 +736,7 @@ class SimHandler(FTPHandler):
             sub, _, rest = arg.partition(" ")
             return self.site(sub.upper(), rest)
         entry = self.proto_cmds.get(cmd)
-        if entry is None:
+        if entry is None or (cmd in TLS_COMMANDS and self.state.tls is None):
             self.respond("500 Unknown command")
             return
         if entry["auth"] and not self.authenticated:
@@ -691,6 +893,9 @@ class SimHandler(FTPHandler):
 
     def ftp_PASV(self, arg):
         self._close_data()
+        if self.socket.family != socket.AF_INET:
+            self.respond("425 PASV is for IPv4; use EPSV.")
+            return
         local_ip = self.socket.getsockname()[0]
         lst = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         lst.bind((local_ip, 0))
@@ -706,7 +911,7 @@ class SimHandler(FTPHandler):
     def ftp_EPSV(self, arg):
         self._close_data()
         local_ip = self.socket.getsockname()[0]
-        lst = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        lst = socket.socket(self.socket.family, socket.SOCK_STREAM)
         lst.bind((local_ip, 0))
         lst.listen(4)
         self._pasv = lst
@@ -724,7 +929,19 @@ class SimHandler(FTPHandler):
         return True
 
     def _accept(self):
-        """Accept the client's data connection (after the 1xx reply)."""
+        """Accept the client's data connection (after the 1xx reply),
+        under TLS after PROT P. None, with the reply given, when there is
+        none."""
+        conn = self._accept_plain()
+        if conn is not None and self._prot_p and not self._plain_data():
+            conn = self._data_tls(conn)
+        self._data = conn
+        if conn is None:
+            self.respond(self._refusal or "425 Cannot open data connection.")
+            self._refusal = None
+        return conn
+
+    def _accept_plain(self):
         lst, self._pasv = self._pasv, None
         deadline = time.time() + float(
             self.state.config.get("data_accept_timeout", 30))
@@ -751,6 +968,9 @@ class SimHandler(FTPHandler):
         while True:
             if STOP.is_set():
                 raise DataAborted("server stopping")
+            if not writing and isinstance(conn, ssl.SSLSocket) and \
+                    conn.pending():
+                return  # decrypted already: no poll would report it
             if writing:
                 _, w, _ = select.select([], [conn], [], POLL)
                 if w:
@@ -775,7 +995,7 @@ class SimHandler(FTPHandler):
             self._wait(conn, True)
             try:
                 sent += conn.send(view[sent:sent + IO_CHUNK])
-            except BlockingIOError:
+            except RETRY:
                 continue
             except OSError as e:
                 raise DataAborted(str(e))
@@ -783,6 +1003,15 @@ class SimHandler(FTPHandler):
 
     def _send_file(self, conn, fd, size, budget):
         limit = size if budget is None else min(size, budget)
+        if isinstance(conn, ssl.SSLSocket):
+            # sendfile would put the file on the wire unencrypted
+            offset = 0
+            while offset < limit:
+                chunk = os.pread(fd, min(TLS_CHUNK, limit - offset), offset)
+                if not chunk:
+                    break  # the file shrank meanwhile
+                offset += self._send(conn, chunk, None)
+            return offset
         offset = 0
         while offset < limit:
             self._wait(conn, True)
@@ -822,7 +1051,7 @@ class SimHandler(FTPHandler):
                     return
                 if w:
                     pending = pending[conn.send(pending):]
-            except (BlockingIOError, InterruptedError):
+            except RETRY:
                 pass
             except OSError:
                 return
@@ -870,7 +1099,7 @@ class SimHandler(FTPHandler):
                 try:
                     if not conn.recv(65536):
                         return
-                except BlockingIOError:
+                except RETRY:
                     pass
                 except OSError:
                     return
@@ -887,6 +1116,7 @@ class SimHandler(FTPHandler):
         has read the end of the data; a client that never does is given up
         on after a while.
         """
+        self._close_notify(conn)
         try:
             conn.shutdown(socket.SHUT_WR)
         except OSError:
@@ -900,6 +1130,8 @@ class SimHandler(FTPHandler):
         if conn is not None:
             if drop:
                 self._await_client_close(conn)
+            else:
+                self._close_notify(conn)
             try:
                 conn.close()
             except OSError:
@@ -1047,7 +1279,6 @@ class SimHandler(FTPHandler):
         self.respond("125 List started.")
         conn = self._accept()
         if conn is None:
-            self.respond("425 Cannot open data connection.")
             return
         if payload is None:
             self._finish(missing)
@@ -1087,7 +1318,6 @@ class SimHandler(FTPHandler):
             self.respond("150 Opening data connection.")
             conn = self._accept()
             if conn is None:
-                self.respond("425 Cannot open data connection.")
                 return
             if self._send_payload(conn, [("file", (fd, size))]):
                 self._finish("226 Transfer complete.")
@@ -1116,7 +1346,6 @@ class SimHandler(FTPHandler):
         self.respond("150 Opening data connection.")
         conn = self._accept()
         if conn is None:
-            self.respond("425 Cannot open data connection.")
             return
         drop = self.fault("close_data_after")
         budget = int(drop.params.get("bytes", 0)) if drop else None
@@ -1142,32 +1371,55 @@ class SimHandler(FTPHandler):
         """
         buf = bytearray(IO_CHUNK)
         view = memoryview(buf)
+        tls = isinstance(conn, ssl.SSLSocket)
+        # with FTPS configured, what arrives in clear is logged
+        clear = None if tls or self.state.tls is None else bytearray()
+        clear_total = 0
         # Large reads: the socket counts as readable only once a good part
         # of a chunk has arrived (or the data has ended), so a fast upload
-        # costs a few wake-ups per MiB instead of one per segment.
+        # costs a few wake-ups per MiB instead of one per segment. Not with
+        # FTPS: a close_notify, or a TLS hello sent to a server that stays
+        # in clear, could sit below the mark unseen.
         try:
-            conn.setsockopt(socket.SOL_SOCKET, socket.SO_RCVLOWAT,
-                            IO_CHUNK // 2 if budget is None
-                            else max(1, min(IO_CHUNK // 2, budget)))
+            if self.state.tls is None:
+                conn.setsockopt(socket.SOL_SOCKET, socket.SO_RCVLOWAT,
+                                IO_CHUNK // 2 if budget is None
+                                else max(1, min(IO_CHUNK // 2, budget)))
         except OSError:
             pass
-        while budget is None or budget > 0:
-            self._wait(conn, False)
-            want = IO_CHUNK if budget is None else min(IO_CHUNK, budget)
-            try:
-                n = conn.recv_into(view, want)
-            except BlockingIOError:
-                continue
-            except OSError as e:
-                raise DataAborted(str(e))
-            if n == 0:
-                break
-            done = 0
-            while done < n:
-                done += os.write(fd, view[done:n])
-            if budget is not None:
-                budget -= n
+        try:
+            while budget is None or budget > 0:
+                self._wait(conn, False)
+                want = IO_CHUNK if budget is None else min(IO_CHUNK, budget)
+                try:
+                    n = conn.recv_into(view, want)
+                except RETRY:
+                    continue
+                except ssl.SSLEOFError:
+                    self.state.record({"session": self.sid, "event":
+                                       "tls_eof_without_close_notify"})
+                    break
+                except OSError as e:
+                    raise DataAborted(str(e))
+                if n == 0:
+                    break
+                if clear is not None:
+                    clear_total += n
+                    clear += view[:min(n, CLEAR_KEPT - len(clear))]
+                self._write_all(fd, view, n)
+                if budget is not None:
+                    budget -= n
+        finally:
+            if clear_total:
+                self.state.record({"session": self.sid, "bytes": clear_total,
+                                   "clear_data": clear.decode("latin-1")})
         return budget
+
+    @staticmethod
+    def _write_all(fd, view, n):
+        done = 0
+        while done < n:
+            done += os.write(fd, view[done:n])
 
     # --- remote commands
 

@@ -2,6 +2,7 @@
 
 import pytest
 
+import certs
 import simlib
 
 
@@ -46,3 +47,9 @@ def pytest_terminal_summary(terminalreporter, config):
     figures = getattr(config, "fault_matrix_figures", None)
     if figures:
         terminalreporter.write_line(figures)
+
+
+@pytest.fixture(scope="session")
+def tls_certs(tmp_path_factory):
+    """The test CA and server certificates (tests/e2e/certs.py), made once."""
+    return certs.make_certs(tmp_path_factory.mktemp("certs"))

@@ -12,6 +12,8 @@ import json
 import os
 import select
 import signal
+import socket
+import ssl
 import stat
 import subprocess
 import tempfile
@@ -61,10 +63,13 @@ class Sim:
     state_dir: where config, log, stderr and session save files go; a new
     temporary directory when not given. It must not be inside root, so
     that trees can be compared byte for byte.
+    port: by default 21, or 990 (ftps) when the config asks for implicit TLS.
     """
 
-    def __init__(self, addr="127.0.0.5", root=None, config=None, port=21, state_dir=None):
+    def __init__(self, addr="127.0.0.5", root=None, config=None, port=None, state_dir=None):
         self.addr = addr
+        if port is None:
+            port = 990 if (config or {}).get("tls", {}).get("implicit") else 21
         self.port = port
         self.root = Path(root if root is not None else tempfile.mkdtemp(prefix="vondral-root-"))
         self.root.mkdir(parents=True, exist_ok=True)
@@ -128,15 +133,33 @@ class Sim:
 
     def connect(self, timeout=10):
         """An ftplib connection, not logged in."""
-        return ftplib.FTP(self.addr, timeout=timeout)
+        f = ftplib.FTP(timeout=timeout)
+        f.connect(self.addr, self.port)
+        return f
+
+    def user(self):
+        users = self.config.get("users") or {DEFAULT_USER: DEFAULT_PASSWORD}
+        return next(iter(users.items()))
 
     def ftp(self, user=None, password=None, timeout=10):
         """An ftplib connection logged in with the configured user."""
         if user is None:
-            users = self.config.get("users") or {DEFAULT_USER: DEFAULT_PASSWORD}
-            user, password = next(iter(users.items()))
+            user, password = self.user()
         f = self.connect(timeout)
         f.login(user, password)
+        return f
+
+    def ftp_tls(self, cafile, timeout=10, login=True):
+        """An FTPS connection (explicit or implicit, as configured) that
+        trusts cafile, logged in with PROT P unless login is false."""
+        ctx = ssl.create_default_context(cafile=str(cafile))
+        ctx.minimum_version = ssl.TLSVersion.TLSv1_2
+        implicit = self.config.get("tls", {}).get("implicit", False)
+        f = ResumingFTP_TLS(context=ctx, timeout=timeout, implicit=implicit)
+        f.connect(self.addr, self.port)
+        if login:
+            f.login(*self.user())
+            f.prot_p()
         return f
 
     # --- the log
@@ -173,6 +196,67 @@ class Sim:
     def faults(self):
         """Faults that fired: [{"session", "fault", "line", ...}]."""
         return [r for r in self.records() if "fault" in r]
+
+    def wait_sessions_ended(self, timeout=10.0):
+        """Wait until every session seen has ended ("disconnect" logged):
+        what a client did just before it went away is then in the log."""
+        deadline = time.monotonic() + timeout
+        while True:
+            events = [(r["session"], r["event"]) for r in self.records() if "event" in r]
+            opened = {sid for sid, e in events if e == "connect"}
+            if opened <= {sid for sid, e in events if e == "disconnect"}:
+                return
+            if time.monotonic() > deadline:
+                raise SimError("sessions still open on %s: %s"
+                               % (self.addr, sorted(opened)))
+            time.sleep(0.02)
+
+    # --- FTPS in the log
+
+    def clear_lines(self):
+        """Command lines received in clear on a server with FTPS, and the
+        rest of a line cut short by a hang-up."""
+        return [r.get("cmd", r.get("clear_rest")) for r in self.records()
+                if r.get("clear") or "clear_rest" in r]
+
+    def clear_data(self):
+        """What data connections not under TLS brought in: [(bytes, the
+        first 4 KiB as a latin-1 string)]."""
+        return [(r["bytes"], r["clear_data"]) for r in self.records() if "clear_data" in r]
+
+    def tls_events(self, on=None, event="tls"):
+        """Handshakes (event "tls") or failed ones ("tls_failed") on the
+        control or data connections."""
+        return [r for r in self.records()
+                if r.get("event") == event and on in (None, r["on"])]
+
+
+class ResumingFTP_TLS(ftplib.FTP_TLS):
+    """ftplib's FTPS client, but its data connections resume the control
+    connection's TLS session (as servers that require reuse want), and
+    with implicit=True it speaks TLS from the first byte."""
+
+    def __init__(self, implicit=False, **kwargs):
+        self.implicit = implicit
+        super().__init__(**kwargs)
+
+    def connect(self, host, port, timeout=-999, source_address=None):
+        if not self.implicit:
+            return super().connect(host, port)
+        self.host, self.port = host, port
+        sock = socket.create_connection((host, port), self.timeout)
+        self.sock = self.context.wrap_socket(sock, server_hostname=host)
+        self.af = self.sock.family
+        self.file = self.sock.makefile("r", encoding=self.encoding)
+        self.welcome = self.getresp()
+        return self.welcome
+
+    def ntransfercmd(self, cmd, rest=None):
+        conn, size = ftplib.FTP.ntransfercmd(self, cmd, rest)
+        if self._prot_p:
+            conn = self.context.wrap_socket(conn, server_hostname=self.host,
+                                            session=self.sock.session)
+        return conn, size
 
 
 # --- server trees
