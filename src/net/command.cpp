@@ -206,6 +206,13 @@ int SendCommandLine(FtpConnection* control, const char* command) {
   // At most 4094 bytes are kept, so a command goes out whole with its CR LF
   // only up to 4092 characters; a longer one is refused, never sent cut
   // (4093 characters would go out as CR and a zero byte, no line end).
+  // A line end inside a command would make the server read a second command
+  // the program never meant: a name out of a crafted archive or a hostile
+  // listing, or a passphrase read with its line end, must never do that.
+  if (strpbrk(command, "\r\n")) {
+    VFAIL("command holds a line end: not sent\n");
+    return -1;
+  }
   char line[CommandBufferSize];
   int length = FormatBounded(line, CommandBufferSize - 1, "%s\r\n", command);
   if (length > CommandBufferSize - 2) {

@@ -154,14 +154,27 @@ TEST_F(TransportTest, ReplyReaderJudgesFinalLinesUpTo4095Characters) {
 
 // A raw peer: a command goes out whole with its CR LF up to 4092
 // characters; a longer one is refused and nothing of it is sent (4093
-// characters once went out cut, as CR and a zero byte).
-TEST_F(TransportTest, CommandsUpTo4092CharactersGoOutWholeLongerOnesAreRefused) {
+// characters once went out cut, as CR and a zero byte). A command holding a
+// line end is refused whole too: the server would read a second command.
+TEST_F(TransportTest, CommandsUpTo4092CharactersGoOutWholeLongerOnesAndLineEndsAreRefused) {
+  auto of = [](size_t length) { return std::string(length, static_cast<char>('a' + length % 26)); };
   const struct {
-    size_t length;
+    std::string command;
     int result;
-    bool sent;
-  } cases[] = {{1, 0, true}, {4091, 0, true}, {4092, 0, true}, {4093, -1, false}, {4094, -1, false},
-               {9000, -1, false}};
+    const char* message;  // nullptr: sent whole
+  } cases[] = {
+      {of(1), 0, nullptr},
+      {of(4091), 0, nullptr},
+      {of(4092), 0, nullptr},
+      {of(4093), -1, "command too long"},
+      {of(4094), -1, "command too long"},
+      {of(9000), -1, "command too long"},
+      {"RCMD RSTOBJ OBJ(A)\r\nDELE /x", -1, "command holds a line end: not sent"},
+      {"PASS secret\n", -1, "command holds a line end: not sent"},
+      {"MKD /a\rb", -1, "command holds a line end: not sent"},
+      {"\r\n", -1, "command holds a line end: not sent"},
+      {"MKD /a\tb", 0, nullptr},
+  };
   sockaddr_in address{};
   int listener = ListenLoopback(&address);
   std::string wire;
@@ -179,16 +192,17 @@ TEST_F(TransportTest, CommandsUpTo4092CharactersGoOutWholeLongerOnesAreRefused) 
   ASSERT_NE(session, nullptr);
   std::string expected;
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.length);
-    const std::string command(c.length, static_cast<char>('a' + c.length % 26));
+    SCOPED_TRACE(c.command.substr(0, 40));
     StderrCapture err;
-    EXPECT_EQ(Send(command), c.result);
-    if (c.sent) {
-      expected += command + "\r\n";
+    EXPECT_EQ(Send(c.command), c.result);
+    if (!c.message) {
+      expected += c.command + "\r\n";
       EXPECT_EQ(err.Text(), "");
     } else {
-      EXPECT_TRUE(std::regex_search(err.Text(), std::regex(R"(vondral\[socket\.cpp,\d+\]: command too long\n)")))
+      EXPECT_TRUE(std::regex_search(err.Text(), std::regex(std::string(R"(vondral\[socket\.cpp,\d+\]: )") +
+                                                           c.message + "\n")))
           << err.Text();
+      EXPECT_EQ(err.Text().find("secret"), std::string::npos);
     }
   }
   Quit(session);
