@@ -209,6 +209,8 @@ int ConnectControl(FtpConnection* control) {
     return -1;
   }
   if (EnableKeepalive(descriptor) != 0) VFAIL("setsockopt(, SOL_SOCKET, SO_KEEPALIVE): %s\n", strerror(errno));
+  if (BoundUnacknowledged(descriptor) != 0)
+    VFAIL("setsockopt(, SOL_TCP, TCP_USER_TIMEOUT): %s\n", strerror(errno));
   char shown[AddressTextSize];
   AddressText(control->peer, shown, sizeof shown);
   int connected = ConnectWithin(descriptor, &control->peer.any, AddressLength(control->peer), Settings.timeout_minutes);

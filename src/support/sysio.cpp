@@ -125,6 +125,12 @@ int EnableKeepalive(int descriptor) {
   return setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPCNT, &Keepalive.probes, sizeof(int));
 }
 
+int BoundUnacknowledged(int descriptor) {
+  const unsigned milliseconds =
+      static_cast<unsigned>(Keepalive.idle_seconds + Keepalive.interval_seconds * Keepalive.probes) * 1000u;
+  return setsockopt(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, &milliseconds, sizeof milliseconds);
+}
+
 int OpenFile(const char* path, int flags, mode_t mode) {
   return Retried([&] { return open(path, flags, mode); });
 }

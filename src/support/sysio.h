@@ -64,6 +64,13 @@ extern KeepaliveTimes Keepalive;
 // Turns keepalive on for a TCP socket with those times. 0, or -1 (errno
 // set) when an option was refused.
 int EnableKeepalive(int descriptor);
+// Bounds how long sent bytes may stay unacknowledged by the same few
+// minutes (TCP_USER_TIMEOUT), so that a command sent into a connection that
+// has just vanished is noticed as soon as a silent one is, rather than after
+// the kernel's quarter of an hour of retransmissions. For the control
+// connection only: a data connection's peer may rightly stop reading for a
+// while, and its transfer has its own bound. 0, or -1 (errno set).
+int BoundUnacknowledged(int descriptor);
 
 // ---- files ---------------------------------------------------------------
 

@@ -53,6 +53,11 @@ TEST(Keepalive, ControlAndDataConnectionsProbeASilentPeerWithTheTimesSet) {
       EXPECT_EQ(Option(descriptor, IPPROTO_TCP, TCP_KEEPINTVL), c.times.interval_seconds);
       EXPECT_EQ(Option(descriptor, IPPROTO_TCP, TCP_KEEPCNT), c.times.probes);
     }
+    // Unacknowledged bytes are bounded by the same time on the control
+    // connection alone.
+    const int bound = (c.times.idle_seconds + c.times.interval_seconds * c.times.probes) * 1000;
+    EXPECT_EQ(Option(session->control->descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT), bound);
+    EXPECT_EQ(Option(session->control->data->descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT), 0);
     Quit(session);
   }
   Keepalive = saved;
