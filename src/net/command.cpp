@@ -113,9 +113,20 @@ class Exchange {
     return true;
   }
 
-  // Reads every reply line the server has sent so far.
+  // Takes what the server has sent so far and reads every whole reply line
+  // of it; a line not yet whole is waited for by the loop, step by step.
   void TakeReplies() {
-    do {
+    if (ReceiveReplyBytes(control_) != 0) {
+      awaiting_ = false;
+      failure_ = -1;
+      return;
+    }
+    for (int held; (held = ReplyHeld(control_)) != 0;) {
+      if (held < 0) {
+        awaiting_ = false;
+        failure_ = -1;
+        break;
+      }
       char got[ReplyBufferSize];
       int result = ReadReply(control_, got);
       if (result < 0) {
@@ -133,7 +144,7 @@ class Exchange {
         // its negative reply.
         if (got[0] != '1' && failure_ == 0) failure_ = 1;
       }
-    } while (control_->lines_held > 0);
+    }
   }
 
   void MoveData() {

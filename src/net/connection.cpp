@@ -261,6 +261,7 @@ int CloseConnection(FtpConnection* record) {
     CloseConnection(record->data);
     // A record that was never connected reports -1, as a close of nothing does.
     int result = StreamClose(record, true);
+    ForgetTlsSession(record);
     free(record);
     return result;
   }

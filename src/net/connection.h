@@ -11,6 +11,7 @@
 
 struct FtpSession;
 struct TlsChannel;
+struct TlsResumption;
 
 // An IPv4 or IPv6 socket address.
 union SocketAddress {
@@ -65,6 +66,9 @@ struct FtpConnection {
   char* transfer_buffer;  // mapped on the first transfer
   // both: the TLS state while the connection is encrypted, else nullptr
   TlsChannel* tls;
+  // control: the newest TLS session the server handed out on any of the
+  // session's connections, which the next data connection resumes
+  TlsResumption* resumption;
 };
 
 bool IsControlRecord(const FtpConnection* record);

@@ -79,16 +79,19 @@ int ParsePassiveReply(const char* reply, sockaddr_in* address, char* text, size_
 
 int ParseExtendedPassiveReply(const char* reply, int* port) {
   *port = 0;
-  const char* open = strncmp(reply, "229 ", 4) == 0 ? strchr(reply + 4, '(') : nullptr;
-  if (!open) {
+  if (strncmp(reply, "229 ", 4) != 0 || !strchr(reply + 4, '(')) {
     VFAIL("bad EPSV response\n");
     return -1;
   }
-  // "(" d d d port d ")", where d is one printable delimiter.
-  const char delimiter = open[1];
-  const char* number = open + 4;
-  if (delimiter < 33 || delimiter > 126 || open[2] != delimiter || open[3] != delimiter ||
-      !isdigit(static_cast<unsigned char>(*number))) {
+  // "(" d d d port d ")", where d is one printable delimiter. The text
+  // before it may hold parentheses of its own ("(EPSV)"): the port is in
+  // the last "(" that three equal delimiters follow.
+  const char* open = nullptr;
+  for (const char* at = strchr(reply + 4, '('); at; at = strchr(at + 1, '('))
+    if (at[1] >= 33 && at[1] <= 126 && at[2] == at[1] && at[3] == at[1]) open = at;
+  const char delimiter = open ? open[1] : '\0';
+  const char* number = open ? open + 4 : reply;
+  if (!open || !isdigit(static_cast<unsigned char>(*number))) {
     VFAIL("EPSV response port invalid\n");
     return -1;
   }

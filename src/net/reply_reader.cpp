@@ -79,6 +79,8 @@ int SkipIntermediateLines(FtpConnection* control) {
   return 0;
 }
 
+int AppendReplyBytes(FtpConnection* control);
+
 // Waits one step for more reply bytes and takes what came. KeepReading,
 // or the reader's result when it must give up.
 int ReadMoreReply(FtpConnection* control) {
@@ -100,6 +102,14 @@ int ReadMoreReply(FtpConnection* control) {
     VFAIL("poll(): timedout on control read after %.2fs\n", PollStepSeconds());
     return -1;
   }
+  return AppendReplyBytes(control);
+}
+
+// Reads what the connection holds into the reply buffer and counts the
+// line ends that came. KeepReading (also when an encrypted record brought
+// no reply bytes: a session ticket), or the reader's result when it must
+// give up.
+int AppendReplyBytes(FtpConnection* control) {
   char* fresh = control->reply + control->reply_held;
   ssize_t got = StreamRead(control, fresh, static_cast<size_t>(control->reply_capacity - control->reply_held));
   if (got < 0 && errno == EAGAIN) return KeepReading;  // part of an encrypted record: poll again
@@ -150,6 +160,23 @@ void ForgetHeldReplies(FtpConnection* control) {
   control->lines_held = 0;
   control->reply_code[0] = '\0';
   control->reply_lines = control->reply_bytes = 0;
+}
+
+int ReceiveReplyBytes(FtpConnection* control) {
+  if (!IsControlRecord(control)) return -1;
+  if (control->reply_held >= control->reply_capacity) {
+    // As in ReadReply: a full buffer without a line end is dropped.
+    ForgetHeldReplies(control);
+    return -1;
+  }
+  const int result = AppendReplyBytes(control);
+  return result == KeepReading ? 0 : result;
+}
+
+int ReplyHeld(FtpConnection* control) {
+  if (!IsControlRecord(control)) return -1;
+  if (SkipIntermediateLines(control) != 0) return -1;
+  return control->lines_held >= 1 ? 1 : 0;
 }
 
 int ReadReply(FtpConnection* control, char* out) {

@@ -15,6 +15,13 @@ constexpr int ReplyBytesMax = 256 * 1024;
 // Returns one reply line in out (at least ReplyBufferSize bytes): 0 for a
 // positive reply (2xx, 3xx), 1 for any other, -1 on failure.
 int ReadReply(FtpConnection* control, char* out);
+// For a caller that does its own waiting: takes the bytes the connection
+// holds now without waiting (0), or fails as ReadReply does (-1). Under TLS
+// a readable connection may bring no reply byte at all (a session ticket).
+int ReceiveReplyBytes(FtpConnection* control);
+// 1 when a final reply line is held, so that ReadReply returns it without
+// waiting; 0 when more bytes are needed; -1 on failure.
+int ReplyHeld(FtpConnection* control);
 // Forgets the held bytes and the reply being read: a connection that is
 // new or broken starts afresh.
 void ForgetHeldReplies(FtpConnection* control);

@@ -9,6 +9,7 @@
 #include <openssl/x509v3.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -23,6 +24,10 @@
 // The module this file reports as in failure messages.
 static constexpr const char* kModule = "socket.cpp";
 
+struct TlsResumption {
+  SSL_SESSION* newest = nullptr;
+};
+
 struct TlsChannel {
   SSL* ssl = nullptr;
   bool data = false;       // a data connection (else the control connection)
@@ -32,6 +37,11 @@ struct TlsChannel {
 };
 
 namespace {
+
+// How long a finished data connection waits for the server's close_notify
+// (or its close) once ours and our end of the stream went out. A server
+// answers at once; one that does not is not waited for beyond this.
+constexpr int ServerEndWaitMs = 10000;
 
 // ---- the socket under the TLS layer ----------------------------------------
 
@@ -51,10 +61,17 @@ int SocketRead(BIO* bio, char* data, int length) {
   BIO_clear_retry_flags(bio);
   ssize_t got = ReadSome(SocketOf(bio), data, static_cast<size_t>(length));
   if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) BIO_set_retry_read(bio);
+  // OpenSSL asks whether the stream ended to tell a cut (no close_notify)
+  // from a failure of the socket.
+  if (got == 0) BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
   return static_cast<int>(got);
 }
 
-long SocketControl(BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
+long SocketControl(BIO* bio, int command, long, void*) {
+  if (command == BIO_CTRL_FLUSH) return 1;
+  if (command == BIO_CTRL_EOF) return BIO_test_flags(bio, BIO_FLAGS_IN_EOF) != 0;
+  return 0;
+}
 
 int SocketCreate(BIO* bio) {
   BIO_set_init(bio, 1);
@@ -95,6 +112,21 @@ bool LoadTrust(SSL_CTX* context) {
   return false;
 }
 
+// A server hands out sessions (TLS 1.3 tickets) after a handshake, on the
+// control connection and on data connections alike; each carries a
+// lifetime, after which it is no longer offered. A save may run for hours
+// between two data connections, so the newest one is kept and resumed, not
+// the control connection's first, which a server that insists on resumption
+// (vsftpd's require_ssl_reuse) would then refuse.
+int SessionArrived(SSL* ssl, SSL_SESSION* session) {
+  auto* control = static_cast<FtpConnection*>(SSL_get_app_data(ssl));
+  if (!control) return 0;
+  if (!control->resumption) control->resumption = new TlsResumption;
+  SSL_SESSION_free(control->resumption->newest);
+  control->resumption->newest = session;
+  return 1;  // the reference is ours now
+}
+
 void MakeContext() {
   SocketMethod = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "vondral socket");
   SSL_CTX* context = SSL_CTX_new(TLS_client_method());
@@ -113,6 +145,8 @@ void MakeContext() {
   SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
   SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+  SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL_STORE);
+  SSL_CTX_sess_set_new_cb(context, SessionArrived);
   if (!LoadTrust(context)) {
     SSL_CTX_free(context);
     return;
@@ -127,6 +161,24 @@ bool IsAddressLiteral(const char* host) {
   return inet_pton(AF_INET, host, scratch) == 1 || inet_pton(AF_INET6, host, scratch) == 1;
 }
 
+// The name the server's certificate must carry, as the operator gave it:
+// without the trailing dot of a fully qualified name, and an IPv6 address
+// without its zone ("%eth0"), neither of which a certificate holds.
+const char* ServerName(const FtpConnection* control) {
+  thread_local char name[sizeof control->host];
+  CopyBounded(name, sizeof name, control->host[0] ? control->host : control->peer_text);
+  if (name[0] == '[') {
+    // a peer's address text, "[::1]"
+    const size_t length = strlen(name);
+    memmove(name, name + 1, length);
+    if (char* close = strchr(name, ']')) *close = '\0';
+  }
+  if (char* zone = strchr(name, '%'); zone && strchr(name, ':')) *zone = '\0';
+  const size_t length = strlen(name);
+  if (length > 1 && name[length - 1] == '.') name[length - 1] = '\0';
+  return name;
+}
+
 // The certificate must name the server as the operator did: an address
 // given to --server is checked against the certificate's IP entries, a name
 // against its DNS entries (and sent as SNI).
@@ -139,7 +191,7 @@ bool NameTheServer(SSL* ssl, const char* host) {
 
 // A channel over the record's socket, not yet shaken hands. nullptr after a
 // message.
-TlsChannel* NewChannel(FtpConnection* record, const char* host) {
+TlsChannel* NewChannel(FtpConnection* record, FtpConnection* control, const char* host) {
   std::call_once(ContextOnce, MakeContext);
   if (!Context) return nullptr;
   if (SetNonBlocking(record->descriptor) != 0) {
@@ -158,6 +210,7 @@ TlsChannel* NewChannel(FtpConnection* record, const char* host) {
   }
   BIO_set_data(socket, reinterpret_cast<void*>(static_cast<intptr_t>(record->descriptor)));
   SSL_set_bio(tls->ssl, socket, socket);
+  SSL_set_app_data(tls->ssl, control);
   SSL_set_connect_state(tls->ssl);
   record->tls = tls;
   return tls;
@@ -204,7 +257,7 @@ bool UnexpectedEnd() {
 }
 
 // A read or write that did not complete: the caller's result.
-ssize_t Unfinished(FtpConnection* record, int result, const char* direction) {
+ssize_t Unfinished(FtpConnection* record, int result, const char* direction, bool reading = true) {
   TlsChannel* tls = record->tls;
   const int saved = errno;
   const int error = SSL_get_error(tls->ssl, result);
@@ -223,11 +276,15 @@ ssize_t Unfinished(FtpConnection* record, int result, const char* direction) {
     // The control connection's end is its own: no reply can be cut short
     // unseen, since only whole lines count. A data connection the server
     // closed before sending any TLS byte was never started: the server
-    // refused the command, and its reply says so.
-    if (!tls->data || (!handshaken && BIO_number_read(SSL_get_rbio(tls->ssl)) == 0)) return 0;
+    // refused the command, and its reply says so; an upload, which has data
+    // to send, has failed all the same.
+    if (!tls->data || (reading && !handshaken && BIO_number_read(SSL_get_rbio(tls->ssl)) == 0)) return 0;
   }
   if (error == SSL_ERROR_SYSCALL && saved != 0 && ERR_peek_last_error() == 0) {
-    // A reset or a broken pipe reads as it does without TLS.
+    // A reset or a broken pipe reads as it does without TLS, named as a
+    // failed handshake when it cut one short.
+    errno = saved;
+    if (!handshaken) ReportHandshakeFailure(record, error);
     errno = saved;
     return -1;
   }
@@ -247,8 +304,8 @@ ssize_t Unfinished(FtpConnection* record, int result, const char* direction) {
 bool TlsRequested() { return Settings.tls_mode != TlsOff; }
 
 int StartControlTls(FtpConnection* control) {
-  const char* host = control->host[0] ? control->host : control->peer_text;
-  TlsChannel* tls = NewChannel(control, host);
+  ForgetTlsSession(control);  // sessions of an earlier connection
+  TlsChannel* tls = NewChannel(control, control, ServerName(control));
   if (!tls) return -1;
   // The handshake is waited for in poll steps, bounded like a reply.
   int silent = 0;
@@ -257,10 +314,10 @@ int StartControlTls(FtpConnection* control) {
     errno = 0;
     const int result = SSL_do_handshake(tls->ssl);
     if (result == 1) break;
-    if (Unfinished(control, result, "handshake with") >= 0 || errno != EAGAIN) {
-      if (errno != EPROTO) ReportHandshakeFailure(control, SSL_ERROR_SYSCALL);
-      return -1;
-    }
+    // Every failure but the server's plain close is reported by Unfinished.
+    const ssize_t outcome = Unfinished(control, result, "handshake with");
+    if (outcome == 0) ReportHandshakeFailure(control, SSL_ERROR_ZERO_RETURN);
+    if (outcome == 0 || errno != EAGAIN) return -1;
     const int step = WaitStepMs();
     const int ready = step > 0 ? PollStepOne(control->descriptor, tls->wants, step) : 0;
     if (ready < 0) {
@@ -280,17 +337,25 @@ int StartControlTls(FtpConnection* control) {
 int StartDataTls(FtpConnection* control) {
   FtpConnection* data = control->data;
   if (!control->tls || !data) return -1;
-  const char* host = control->host[0] ? control->host : control->peer_text;
-  TlsChannel* tls = NewChannel(data, host);
+  TlsChannel* tls = NewChannel(data, control, ServerName(control));
   if (!tls) return -1;
   tls->data = true;
   // Servers such as vsftpd accept a data connection only from the client
   // that holds the control connection's TLS session.
-  if (SSL_SESSION* session = SSL_get1_session(control->tls->ssl)) {
+  if (control->resumption && control->resumption->newest) {
+    SSL_set_session(tls->ssl, control->resumption->newest);
+  } else if (SSL_SESSION* session = SSL_get1_session(control->tls->ssl)) {
     SSL_set_session(tls->ssl, session);
     SSL_SESSION_free(session);
   }
   return 0;
+}
+
+void ForgetTlsSession(FtpConnection* control) {
+  if (!control->resumption) return;
+  SSL_SESSION_free(control->resumption->newest);
+  delete control->resumption;
+  control->resumption = nullptr;
 }
 
 bool TlsAwaitsStart(const FtpConnection* data) { return data->tls && !data->tls->begun; }
@@ -328,7 +393,7 @@ ssize_t TlsWrite(FtpConnection* record, const void* data, size_t length) {
   size_t sent = 0;
   const int result = SSL_write_ex(record->tls->ssl, data, length, &sent);
   if (result != 1) {
-    ssize_t unfinished = Unfinished(record, result, "write to");
+    ssize_t unfinished = Unfinished(record, result, "write to", false);
     // A write never meets the end of the stream as a result.
     if (unfinished == 0) errno = EPIPE;
     return unfinished == 0 ? -1 : unfinished;
@@ -348,22 +413,28 @@ void EndTls(FtpConnection* record, bool notify) {
   TlsChannel* tls = record->tls;
   if (!tls) return;
   // The close_notify may have to wait for room behind the last data sent.
-  // On a data connection the server's end is awaited too: closing a socket
-  // that holds unread bytes (a session ticket the server sent) resets the
+  // On a data connection the server's end is awaited too, briefly, after
+  // our end of the stream (FIN) went out behind it: closing a socket that
+  // holds unread bytes (a session ticket the server sent) resets the
   // connection, and a reset can destroy the last data of an upload before
-  // the server has read it. Both waits are bounded like any other.
+  // the server has read it.
+  const int64_t deadline = MonotonicMs() + ServerEndWaitMs;
   int silent = 0;
-  for (int calls = 0; notify && SSL_is_init_finished(tls->ssl) && calls < 8; calls++) {
+  for (int calls = 0; notify && SSL_is_init_finished(tls->ssl) && calls < 16; calls++) {
     ERR_clear_error();
     const int result = SSL_shutdown(tls->ssl);
     if (result == 1 || (result == 0 && !tls->data)) break;
-    if (result == 0) continue;  // ours went out; now the server's
+    if (result == 0) {
+      ShutdownWrite(record->descriptor);  // ours went out; now the server's
+      continue;
+    }
     const int error = SSL_get_error(tls->ssl, result);
     if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) break;
-    const int step = WaitStepMs();
-    const short events = error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT;
-    const int ready = step > 0 ? PollStepOne(record->descriptor, events, step) : 0;
-    if (ready < 0 || (ready == 0 && (step == 0 || ++silent >= Settings.timeout_minutes))) break;
+    const bool reading = error == SSL_ERROR_WANT_READ;
+    const int64_t left = deadline - MonotonicMs();
+    const int step = reading ? static_cast<int>(std::clamp<int64_t>(left, 0, WaitStepMs())) : WaitStepMs();
+    const int ready = step > 0 ? PollStepOne(record->descriptor, reading ? POLLIN : POLLOUT, step) : 0;
+    if (ready < 0 || (ready == 0 && (step == 0 || reading || ++silent >= Settings.timeout_minutes))) break;
   }
   SSL_free(tls->ssl);
   delete tls;

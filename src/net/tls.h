@@ -46,6 +46,10 @@ bool TlsBuffered(const FtpConnection* record);
 // for the peer's handshake messages, and a read for room to send them.
 short TlsPollEvents(const FtpConnection* record, short wanted);
 
+// Drops the session kept for data connections to resume (the control
+// record's resumption), as the record goes.
+void ForgetTlsSession(FtpConnection* control);
+
 // Ends TLS on a record. With notify, a close_notify goes out first (the
 // wait for room to send it bounded by --timeout): the sign that a transfer
 // ended whole.

@@ -111,6 +111,8 @@ ssize_t ReceiveWaiting(int descriptor, void* data, size_t length) {
   return Retried([&] { return recv(descriptor, data, length, MSG_DONTWAIT); });
 }
 
+int ShutdownWrite(int descriptor) { return shutdown(descriptor, SHUT_WR); }
+
 int SetNonBlocking(int descriptor) {
   const int flags = fcntl(descriptor, F_GETFL);
   if (flags < 0) return -1;

@@ -42,6 +42,9 @@ ssize_t SendFull(int descriptor, const void* data, size_t length, size_t* done =
 // retried after a signal.
 ssize_t ReceiveWaiting(int descriptor, void* data, size_t length);
 
+// Ends the sending side of a socket (shutdown SHUT_WR): the peer reads the
+// end of the stream while this side may still read. 0, or -1 (errno set).
+int ShutdownWrite(int descriptor);
 // Makes a socket's reads and writes give EAGAIN instead of blocking. 0, or
 // -1 (errno set).
 int SetNonBlocking(int descriptor);

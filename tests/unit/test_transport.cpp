@@ -401,6 +401,8 @@ TEST(ParseExtendedPassiveReply, ReadsThePortBetweenDelimitersAndRefusesAnythingE
       {"229 Entering Extended Passive Mode (|||6446|)", 6446, nullptr},
       {"229 (!!!1!)", 1, nullptr},
       {"229 ok (###65535#)", 65535, nullptr},
+      {"229 Extended Passive Mode (EPSV) (|||5001|)", 5001, nullptr},
+      {"229 (|||1|) (|||2|)", 2, nullptr},
       {"229 Entering Extended Passive Mode (|||65536|)", 0, "EPSV response port invalid"},
       {"229 Entering Extended Passive Mode (|||0|)", 0, "EPSV response port invalid"},
       {"229 Entering Extended Passive Mode (|||000006446|)", 0, "EPSV response port invalid"},
