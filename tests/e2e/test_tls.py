@@ -441,3 +441,23 @@ def test_ipv6_round_trip_uses_epsv_and_matches_ipv4(sim_factory, tls_certs, tmp_
     assert r.status == 0, r.err
     assert simlib.compare_trees(root, target.root) == []
     assert set(c for c in target.lines() if c in ("PASV", "EPSV")) == {"EPSV"}
+
+
+# --- a control connection that becomes readable with no reply byte in it
+
+@pytest.mark.slow
+@pytest.mark.parametrize("mode", MODES)
+def test_a_reply_later_than_one_poll_step_after_a_session_ticket_is_waited_for(sim_factory,
+                                                                              tls_certs,
+                                                                              tmp_path, mode):
+    # Under TLS 1.3 the server's session tickets arrive just after the login
+    # begins: the connection is readable, yet holds no reply. A reply that
+    # then takes longer than one poll step (60 s) must be waited for as it
+    # is in clear, not taken for a silent connection at the first step.
+    sim = tls_sim(sim_factory, tls_certs, mode, tree=TREE,
+                  config={"faults": [{"match": "^USER", "action": "delay", "seconds": 75,
+                                      "nth": 1}]})
+    r = backup(sim, tmp_path, MODES[mode], "--cacert", tls_certs.ca,
+               include="/home\n", exclude=NO_SPECIALS)
+    assert r.status == 0, r.err
+    assert not any("timedout on control read" in l for l in r.err_lines), r.err
