@@ -116,24 +116,12 @@ class Exchange {
   // Takes what the server has sent so far and reads every whole reply line
   // of it; a line not yet whole is waited for by the loop, step by step.
   void TakeReplies() {
-    if (ReceiveReplyBytes(control_) != 0) {
-      awaiting_ = false;
-      failure_ = -1;
-      return;
-    }
+    if (ReceiveReplyBytes(control_) != 0) return ReaderFailed();
     for (int held; (held = ReplyHeld(control_)) != 0;) {
-      if (held < 0) {
-        awaiting_ = false;
-        failure_ = -1;
-        break;
-      }
+      if (held < 0) return ReaderFailed();
       char got[ReplyBufferSize];
       int result = ReadReply(control_, got);
-      if (result < 0) {
-        awaiting_ = false;
-        failure_ = -1;
-        break;
-      }
+      if (result < 0) return ReaderFailed();
       CopyBounded(reply_->line, sizeof reply_->line, got);
       awaiting_ = got[0] == '1';
       if (awaiting_ && DataOpen()) StreamBegin(data_);
@@ -145,6 +133,12 @@ class Exchange {
         if (got[0] != '1' && failure_ == 0) failure_ = 1;
       }
     }
+  }
+
+  // The reply cannot be read: nothing more is awaited, and the command fails.
+  void ReaderFailed() {
+    awaiting_ = false;
+    failure_ = -1;
   }
 
   void MoveData() {

@@ -81,6 +81,14 @@ int SkipIntermediateLines(FtpConnection* control) {
 
 int AppendReplyBytes(FtpConnection* control);
 
+// No line end in a full buffer: nothing sensible can follow, so the bytes
+// are dropped and the next reply starts afresh. true when that happened.
+bool DroppedFullBuffer(FtpConnection* control) {
+  if (control->reply_held < control->reply_capacity) return false;
+  ForgetHeldReplies(control);
+  return true;
+}
+
 // Waits one step for more reply bytes and takes what came. KeepReading,
 // or the reader's result when it must give up.
 int ReadMoreReply(FtpConnection* control) {
@@ -164,11 +172,7 @@ void ForgetHeldReplies(FtpConnection* control) {
 
 int ReceiveReplyBytes(FtpConnection* control) {
   if (!IsControlRecord(control)) return -1;
-  if (control->reply_held >= control->reply_capacity) {
-    // As in ReadReply: a full buffer without a line end is dropped.
-    ForgetHeldReplies(control);
-    return -1;
-  }
+  if (DroppedFullBuffer(control)) return -1;
   const int result = AppendReplyBytes(control);
   return result == KeepReading ? 0 : result;
 }
@@ -184,12 +188,7 @@ int ReadReply(FtpConnection* control, char* out) {
   for (;;) {
     if (SkipIntermediateLines(control) != 0) return -1;
     if (control->lines_held >= 1) break;
-    if (control->reply_held >= control->reply_capacity) {
-      // No line end in a full buffer: nothing sensible can follow, so the
-      // bytes are dropped and the next reply starts afresh.
-      ForgetHeldReplies(control);
-      return -1;
-    }
+    if (DroppedFullBuffer(control)) return -1;
     int step = ReadMoreReply(control);
     if (step != KeepReading) return step;
   }

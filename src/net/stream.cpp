@@ -36,13 +36,8 @@ ssize_t StreamSendFull(FtpConnection* record, const void* data, size_t length, s
       continue;
     }
     if (written == 0 || errno != EAGAIN) break;
-    const int step = WaitStepMs();
-    const int ready = step > 0 ? PollStepOne(record->descriptor, TlsPollEvents(record, POLLOUT), step) : 0;
-    if (ready < 0) break;
-    if (ready == 0 && (step == 0 || ++silent >= Settings.timeout_minutes)) {
-      errno = ETIMEDOUT;
+    if (WaitSocketStep(record->descriptor, TlsPollEvents(record, POLLOUT), Settings.timeout_minutes, &silent) < 0)
       break;
-    }
   }
   if (done) *done = sent;
   return sent == length ? static_cast<ssize_t>(length) : -1;

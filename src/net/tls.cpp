@@ -318,17 +318,13 @@ int StartControlTls(FtpConnection* control) {
     const ssize_t outcome = Unfinished(control, result, "handshake with");
     if (outcome == 0) ReportHandshakeFailure(control, SSL_ERROR_ZERO_RETURN);
     if (outcome == 0 || errno != EAGAIN) return -1;
-    const int step = WaitStepMs();
-    const int ready = step > 0 ? PollStepOne(control->descriptor, tls->wants, step) : 0;
-    if (ready < 0) {
-      VFAIL("poll(): %s\n", strerror(errno));
-      return -1;
-    }
-    if (ready == 0 && (step == 0 || ++silent >= Settings.timeout_minutes)) {
+    if (WaitSocketStep(control->descriptor, tls->wants, Settings.timeout_minutes, &silent) >= 0) continue;
+    if (errno == ECANCELED || errno == ETIMEDOUT)
       VFAIL("TLS handshake with %s:%d failed: %s\n", control->peer_text, Port(control->peer),
-            step == 0 ? "termination requested" : "no answer within the time-out");
-      return -1;
-    }
+            errno == ECANCELED ? "termination requested" : "no answer within the time-out");
+    else
+      VFAIL("poll(): %s\n", strerror(errno));
+    return -1;
   }
   Announce(control);
   return 0;

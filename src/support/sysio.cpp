@@ -209,24 +209,29 @@ int WaitReadableOrWoken(int descriptor, int grace_ms) {
   return requested ? WaitGraceOver : WaitWoken;
 }
 
+int WaitSocketStep(int descriptor, short events, int max_steps, int* silent_steps) {
+  const int step = WaitStepMs();
+  if (step == 0) {
+    errno = ECANCELED;
+    return -1;
+  }
+  const int ready = PollStepOne(descriptor, events, step);
+  if (ready != 0) return ready < 0 ? -1 : 1;
+  if (max_steps > 0 && ++*silent_steps >= max_steps) {
+    errno = ETIMEDOUT;
+    return -1;
+  }
+  return 0;
+}
+
 int ConnectWithin(int descriptor, const sockaddr* address, socklen_t length, int max_steps) {
+  // Blocking again afterwards: the caller's reads and writes expect it.
   const int flags = fcntl(descriptor, F_GETFL);
   if (flags < 0 || fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) != 0) return -1;
   int result = connect(descriptor, address, length);
   if (result != 0 && (errno == EINPROGRESS || errno == EINTR)) {
-    for (int steps = 0;; steps++) {
-      const int step = WaitStepMs();
-      if (step == 0) {
-        errno = ECANCELED;
-        result = -1;
-        break;
-      }
-      if (max_steps > 0 && steps >= max_steps) {
-        errno = ETIMEDOUT;
-        result = -1;
-        break;
-      }
-      int ready = PollStepOne(descriptor, POLLOUT, step);
+    for (int silent = 0;;) {
+      const int ready = WaitSocketStep(descriptor, POLLOUT, max_steps, &silent);
       if (ready < 0) {
         result = -1;
         break;

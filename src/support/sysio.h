@@ -150,6 +150,13 @@ constexpr int WaitReadable = 1;
 constexpr int WaitWoken = 2;
 int WaitReadableOrWoken(int descriptor, int grace_ms);
 
+// One wait step for a socket to be ready for events, within a budget of
+// max_steps silent steps (0 or less: no bound), counted in *silent_steps.
+// 1 when ready; 0 after a silent step; -1 when the wait is given up: the
+// poll failed (errno as it left it), the budget is spent (ETIMEDOUT) or the
+// grace after a termination request is over (ECANCELED).
+int WaitSocketStep(int descriptor, short events, int max_steps, int* silent_steps);
+
 // connect(2) on a socket, waited for in poll steps: cut short by a
 // termination request (errno ECANCELED) and bounded by max_steps wait steps
 // (errno ETIMEDOUT; 0 or less: no bound beyond the kernel's own).
