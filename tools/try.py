@@ -4,6 +4,7 @@ loopback address that exists only there, and it is stopped when the shell
 ends, however it ends. Commands may be piped in instead of typed."""
 import os
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -36,7 +37,12 @@ def main():
         env = dict(os.environ, VONDRAL_TRY_SERVER=ADDRESS,
                    VONDRAL_TRY_SIM_PID=str(sim.proc.pid))
         shell = os.environ.get("SHELL") or "/bin/sh"
-        return subprocess.run([shell], env=env, cwd=work).returncode
+        # Ctrl-C belongs to the shell and what it runs; here it would stop
+        # the server under them.
+        signal.signal(signal.SIGINT, signal.SIG_IGN)
+        return subprocess.run([shell], env=env, cwd=work,
+                              preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL)
+                              ).returncode
     finally:
         sim.stop()
         shutil.rmtree(work, ignore_errors=True)
