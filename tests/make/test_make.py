@@ -128,7 +128,8 @@ def test_try_opens_a_shell_beside_a_simulated_server_and_stops_it_after():
         assert re.search(r"user QSECOFR, passphrase \S+", "".join(banner)), banner
         # An interrupt (Ctrl-C at a terminal) is the shell's business: the
         # server beside it stays.
-        script = ("command -v vondral; kill -INT $PPID; sleep 0.2; %s; echo login status $?; "
+        script = ("echo vondral is $(command -v vondral); kill -INT $PPID; sleep 0.2; %s; "
+                  "echo login status $?; "
                   "echo simulator $VONDRAL_TRY_SIM_PID; exit 7\n" % sample)
         rest, _ = proc.communicate(script, timeout=120)
     finally:
@@ -137,7 +138,8 @@ def test_try_opens_a_shell_beside_a_simulated_server_and_stops_it_after():
             proc.communicate()
     assert proc.returncode != 0 and "Error 7" in rest  # the shell's status comes through
     lines = rest.splitlines()
-    assert os.path.realpath(lines[0]) == os.path.realpath(os.path.join(BUILD, "vondral"))
+    found = re.search(r"^vondral is (.*)$", rest, re.M).group(1)
+    assert os.path.realpath(found) == os.path.realpath(os.path.join(BUILD, "vondral"))
     assert "login status 0" in lines, rest
     pid = int(re.search(r"^simulator (\d+)$", rest, re.M).group(1))
     try:  # the number may be reused by then, but not by a simulator
@@ -145,3 +147,40 @@ def test_try_opens_a_shell_beside_a_simulated_server_and_stops_it_after():
     except FileNotFoundError:
         cmdline = b""
     assert b"ibmi_sim" not in cmdline, "the simulator outlived the shell"
+
+
+def nothing_installed(directory):
+    """A PATH on which dpkg-query knows no package."""
+    directory.mkdir()
+    (directory / "dpkg-query").write_text("#!/bin/sh\nexit 1\n")
+    (directory / "dpkg-query").chmod(0o755)
+    return "%s:%s" % (directory, os.environ["PATH"])
+
+
+# package set -> the packages it must name on a machine that has none
+SETS = [
+    ("build", "cmake g++ make libssl-dev"),
+    ("demo", "cmake g++ make libssl-dev python3-pyftpdlib iproute2 util-linux"),
+]
+
+
+@pytest.mark.parametrize("name,packages", SETS)
+def test_a_package_set_names_its_packages_when_not_installing(name, packages, tmp_path):
+    r = subprocess.run([str(REPO / "tools" / "install-deps.sh"), name], capture_output=True,
+                       text=True, timeout=60,
+                       env=dict(os.environ, PATH=nothing_installed(tmp_path / "bin"),
+                                VONDRAL_NO_INSTALL="1"))
+    assert r.returncode == 1 and r.stdout == ""
+    assert r.stderr.splitlines()[0] == "missing Debian packages: " + packages
+
+
+@pytest.mark.parametrize("target", ["demo", "try"])
+def test_demo_and_try_name_their_packages_before_building(target, tmp_path):
+    r = subprocess.run(["make", "--no-print-directory", "BUILD=" + str(tmp_path / "build"),
+                        target], cwd=REPO, capture_output=True, text=True, timeout=60,
+                       stdin=subprocess.DEVNULL,
+                       env=dict(os.environ, PATH=nothing_installed(tmp_path / "bin"),
+                                VONDRAL_NO_INSTALL="1"))
+    assert r.returncode != 0
+    assert "python3-pyftpdlib" in r.stderr.splitlines()[0], r.stderr
+    assert not (tmp_path / "build").exists()
