@@ -81,8 +81,7 @@ bool SurveyWalk::Step() {
     return false;
   }
   if (offset_ == 0 && !LooksLikeArchiveStart(judged, block)) {
-    Complain("%s: not a CTAR archive: its first block is no CTAR header", archive_.shown);
-    status_ = StatusNotArchive;
+    status_ = RefuseArchiveStart(archive_, block, Block);
     return false;
   }
   if (judged == CtarBadChecksum || judged == CtarBadSize) return DamagedHeader(judged);
@@ -203,13 +202,16 @@ bool SurveyWalk::ReadEntryData(const EntryView& view) {
 }  // namespace
 
 int RunSurvey(Archive& archive, const char* what, bool read_data, Survey* survey) {
-  if (archive.size == 0) {
-    Complain("%s: empty, not a CTAR archive", archive.shown);
-    return StatusNotArchive;
-  }
   if (archive.size < Block) {
-    Complain("%s: only %llu bytes, not a CTAR archive", archive.shown, Ull(archive.size));
-    return StatusNotArchive;
+    // Too short for an archive; what little there is may still say what
+    // the file is instead.
+    unsigned char start[CtarBlockSize];
+    const ssize_t got = ReadArchiveAt(archive, start, static_cast<size_t>(archive.size), 0);
+    if (got < 0) {
+      Complain("%s: read error at offset 0x0: %s", archive.shown, strerror(errno));
+      return StatusUnreadable;
+    }
+    return RefuseArchiveStart(archive, start, static_cast<size_t>(got));
   }
   CurrentProgress.Start(what, archive.size);
   return SurveyWalk(archive, read_data, survey).Run();
