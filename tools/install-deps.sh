@@ -3,7 +3,7 @@
 # building and testing need. As root the missing ones are installed;
 # otherwise they are named and the script fails.
 set -u
-packages="${*:-cmake g++ make libgtest-dev iproute2 util-linux python3-pyftpdlib python3-pytest python3-openssl openssl libssl-dev vsftpd clang libclang-rt-14-dev}"
+packages="${*:-cmake g++ make libgtest-dev iproute2 util-linux python3-pyftpdlib python3-pytest python3-openssl openssl libssl-dev vsftpd clang libclang-rt-14-dev gzip bzip2 xz-utils zstd}"
 missing=""
 for p in $packages; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
