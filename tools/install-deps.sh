@@ -12,7 +12,7 @@ build="cmake g++ make libssl-dev"
 # The simulator needs pyftpdlib; the private network namespace needs
 # unshare (util-linux) and ip (iproute2).
 demo="$build python3-pyftpdlib iproute2 util-linux"
-test="$demo libgtest-dev python3-pytest python3-openssl openssl vsftpd clang libclang-rt-14-dev"
+test="$demo libgtest-dev python3-pytest python3-openssl openssl vsftpd clang libclang-rt-14-dev gzip bzip2 xz-utils zstd"
 case "${1:-test}" in
   build) packages=$build ;;
   demo) packages=$demo ;;
