@@ -1,15 +1,30 @@
 #!/bin/sh
-# Installs the Debian packages given as arguments, by default those that
-# building and testing need. As root the missing ones are installed;
-# otherwise they are named and the script fails.
+# Installs Debian packages: those of a named set (build, demo or test, the
+# default) or those given by name. As root the missing ones are installed
+# with apt-get; otherwise, or with VONDRAL_NO_INSTALL=1, they are named and
+# the script fails.
+#
+#   tools/install-deps.sh build      # cmake, g++, make, libssl-dev
+#   tools/install-deps.sh demo       # the build's and the simulator's
+#   tools/install-deps.sh            # everything `make test` runs
 set -u
-packages="${*:-cmake g++ make libgtest-dev iproute2 util-linux python3-pyftpdlib python3-pytest python3-openssl openssl libssl-dev vsftpd clang libclang-rt-14-dev}"
+build="cmake g++ make libssl-dev"
+# The simulator needs pyftpdlib; the private network namespace needs
+# unshare (util-linux) and ip (iproute2).
+demo="$build python3-pyftpdlib iproute2 util-linux"
+test="$demo libgtest-dev python3-pytest python3-openssl openssl vsftpd clang libclang-rt-14-dev gzip bzip2 xz-utils zstd"
+case "${1:-test}" in
+  build) packages=$build ;;
+  demo) packages=$demo ;;
+  test) packages=$test ;;
+  *) packages=$* ;;
+esac
 missing=""
 for p in $packages; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
 done
 [ -z "$missing" ] && exit 0
-if [ "$(id -u)" -ne 0 ]; then
+if [ "$(id -u)" -ne 0 ] || [ "${VONDRAL_NO_INSTALL:-}" = 1 ]; then
   echo "missing Debian packages:$missing" >&2
   echo "install them with: apt-get install$missing" >&2
   exit 1

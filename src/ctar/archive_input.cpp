@@ -43,7 +43,8 @@ void MeasureArchive(const struct stat& st, Archive* archive) {
 
 }  // namespace
 
-int OpenArchive(const char* path, Archive* archive) {
+int OpenArchive(const char* path, const char* command, Archive* archive) {
+  archive->command = command;
   if (strcmp(path, "-") == 0) {
     archive->fd = STDIN_FILENO;
     archive->shown = "standard input";
@@ -71,7 +72,7 @@ int OpenArchive(const char* path, Archive* archive) {
 }
 
 int OpenSeekableArchive(const char* path, const char* command, Archive* archive) {
-  const int status = OpenArchive(path, archive);
+  const int status = OpenArchive(path, command, archive);
   if (status != StatusWhole || archive->seekable) return status;
   Complain("%s: %s needs an archive it can seek in; save the stream to a file first",
            archive->shown, command);

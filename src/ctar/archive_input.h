@@ -21,6 +21,7 @@ constexpr size_t ChunkSize = 1 << 20;
 
 struct Archive {
   const char* shown = "";  // how messages name it
+  const char* command = "";  // the ctar command reading it, for the hints of messages
   int fd = -1;
   UniqueFd owned;           // empty for standard input
   bool seekable = false;    // a file (or device) of known size
@@ -29,13 +30,13 @@ struct Archive {
   uint64_t position = 0;    // the sequential reader's place, from base
 };
 
-// Opens the archive at path ("-": standard input) and learns whether it can
-// seek in it and how large it is. A status, after a complaint when it is not
-// StatusWhole.
-int OpenArchive(const char* path, Archive* archive);
+// Opens the archive at path ("-": standard input) for command and learns
+// whether it can seek in it and how large it is. A status, after a complaint
+// when it is not StatusWhole.
+int OpenArchive(const char* path, const char* command, Archive* archive);
 
-// The same for verify and salvage (named by command), which read the
-// archive out of order (looking ahead behind a candidate header): a pipe
+// The same for salvage, which reads the archive out of order (looking ahead
+// behind a candidate header, and again to copy what it found): a pipe
 // cannot do that, and is refused with StatusUsage.
 int OpenSeekableArchive(const char* path, const char* command, Archive* archive);
 

@@ -89,7 +89,7 @@ int ExtractEntry(Archive& archive, const EntryView& view, int directory, std::se
 
 int ExtractCommand(const Options& options) {
   Archive archive;
-  int status = OpenArchive(options.operands[0], &archive);
+  int status = OpenArchive(options.operands[0], "extract", &archive);
   if (status != StatusWhole) return status;
   UniqueFd directory_fd;
   int directory = AT_FDCWD;

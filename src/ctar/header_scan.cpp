@@ -1,13 +1,46 @@
-// Judging header blocks at any offset of a seekable archive and scanning
-// for the entry headers that lie hidden behind a damaged place.
+// Judging header blocks at any offset of a seekable archive, the first
+// block of any archive, and scanning for the entry headers that lie hidden
+// behind a damaged place.
 #include "ctar/header_scan.h"
 
 #include <algorithm>
+#include <cstring>
+#include <string>
 #include <vector>
 
+#include "archive/compression.h"
+#include "ctar/messages.h"
 #include "ctar/progress.h"
+#include "ctar/status.h"
 
 namespace ctar {
+
+int RefuseArchiveStart(const Archive& archive, const unsigned char* bytes, size_t got) {
+  if (got == 0) {
+    Complain("%s: empty, not a CTAR archive", archive.shown);
+    return StatusNotArchive;
+  }
+  if (const Compression* compression = CompressedArchive(bytes, got)) {
+    // The way out decompresses the archive as it was given; standard input
+    // is fed through the tool instead. Salvage needs a file of it.
+    const std::string source = archive.owned.Get() >= 0
+                                   ? std::string(compression->decompress) + " " + archive.shown
+                                   : std::string("... | ") + compression->decompress;
+    if (strcmp(archive.command, "salvage") == 0)
+      Complain("%s: compressed with %s; decompress it first: %s > FILE && ctar salvage FILE OUT",
+               archive.shown, compression->name, source.c_str());
+    else
+      Complain("%s: compressed with %s; decompress it first: %s | ctar %s -", archive.shown,
+               compression->name, source.c_str(), archive.command);
+    return StatusNotArchive;
+  }
+  if (got < Block) {
+    Complain("%s: only %zu bytes, not a CTAR archive", archive.shown, got);
+    return StatusNotArchive;
+  }
+  Complain("%s: not a CTAR archive: its first block is no CTAR header", archive.shown);
+  return StatusNotArchive;
+}
 
 int JudgeAt(const Archive& archive, uint64_t offset, uint64_t* size, char* name,
             size_t name_size, unsigned char* block) {

@@ -14,6 +14,12 @@ namespace ctar {
 // same question before it logs in.
 inline bool LooksLikeArchiveStart(int, const unsigned char* block) { return CtarArchiveStart(block); }
 
+// Says why an archive whose first got bytes (its first block, or all of it
+// when shorter) begin no CTAR archive is none: empty, compressed (with the
+// command that decompresses it for the command in use), too short, or no
+// header. StatusNotArchive.
+int RefuseArchiveStart(const Archive& archive, const unsigned char* bytes, size_t got);
+
 // What JudgeAt gives besides ReadCtarHeader's verdicts.
 enum { JudgeReadFailed = -100, JudgeBeyondEnd = -101 };
 

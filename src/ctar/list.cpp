@@ -19,7 +19,7 @@ int ListCommand(const Options& options) {
     fputs(", \"entries\": [", stdout);
   }
   Archive archive;
-  int status = OpenArchive(path, &archive);
+  int status = OpenArchive(path, "list", &archive);
   bool first = true;
   if (status == StatusWhole)
     status = WalkArchive(archive, "list", [&](const EntryView& view) {

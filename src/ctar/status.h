@@ -7,7 +7,7 @@ namespace ctar {
 enum Status : int {
   StatusWhole = 0,        // success; for verify: the archive is whole
   StatusDamaged = 1,      // a CTAR archive, but not whole
-  StatusNotArchive = 2,   // empty, a directory, or no CTAR header at its start
+  StatusNotArchive = 2,   // empty, a directory, compressed, or no CTAR header at its start
   StatusUnreadable = 3,   // cannot be opened or read
   StatusWriteFailed = 4,  // an output file or standard output could not be written
   StatusNotFound = 5,     // extract: a named entry is not in the archive

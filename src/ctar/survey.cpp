@@ -1,6 +1,6 @@
-// The survey of a seekable archive: header after header along the chain a
-// restore follows, and past every place where it would stop, a scan for the
-// next genuine header, with the ranges dropped on the way.
+// The survey of an archive: header after header along the chain a restore
+// follows, and in a seekable archive, past every place where it would stop,
+// a scan for the next genuine header, with the ranges dropped on the way.
 #include "ctar/survey.h"
 
 #include <cerrno>
@@ -81,8 +81,7 @@ bool SurveyWalk::Step() {
     return false;
   }
   if (offset_ == 0 && !LooksLikeArchiveStart(judged, block)) {
-    Complain("%s: not a CTAR archive: its first block is no CTAR header", archive_.shown);
-    status_ = StatusNotArchive;
+    status_ = RefuseArchiveStart(archive_, block, Block);
     return false;
   }
   if (judged == CtarBadChecksum || judged == CtarBadSize) return DamagedHeader(judged);
@@ -200,19 +199,163 @@ bool SurveyWalk::ReadEntryData(const EntryView& view) {
   return true;
 }
 
+// The survey of a stream: the same chain, read in order, up to the place
+// where a restore stops.
+class StreamWalk {
+ public:
+  StreamWalk(Archive& archive, Survey* survey) : archive_(archive), survey_(survey) {}
+
+  int Run() {
+    while (Step()) {
+    }
+    CurrentProgress.Finish(archive_.position);
+    return status_;
+  }
+
+ private:
+  bool Step();
+  bool Entry(const unsigned char* block, const EntryView& view, uint64_t size);
+  bool ReadEntryData(const EntryView& view);
+  uint64_t Drain();
+  void StopsHere(uint64_t offset) {
+    survey_->restore_stops_early = true;
+    survey_->restore_stop = offset;
+    survey_->searched_behind_stop = false;
+  }
+
+  Archive& archive_;
+  Survey* survey_;
+  int status_ = StatusWhole;
+};
+
+bool StreamWalk::Step() {
+  const uint64_t offset = archive_.position;
+  unsigned char block[CtarBlockSize];
+  const ssize_t got = ReadFull(archive_.fd, block, Block);
+  if (got < 0) {
+    Complain("%s: read error at offset 0x%llX: %s", archive_.shown, Ull(offset), strerror(errno));
+    status_ = StatusUnreadable;
+    return false;
+  }
+  archive_.position += static_cast<uint64_t>(got);
+  if (offset == 0 && static_cast<uint64_t>(got) < Block) {
+    status_ = RefuseArchiveStart(archive_, block, static_cast<size_t>(got));
+    return false;
+  }
+  if (got == 0) {
+    Note(survey_, "the archive ends at offset 0x%llX without its sentinel", Ull(offset));
+    return false;
+  }
+  if (static_cast<uint64_t>(got) < Block) {
+    Note(survey_, "truncated: the archive ends inside the block at offset 0x%llX", Ull(offset));
+    return false;
+  }
+  EntryView view;
+  uint64_t size = 0;
+  const int judged = ReadCtarHeader(block, &size, view.name, sizeof view.name);
+  if (offset == 0 && !LooksLikeArchiveStart(judged, block)) {
+    status_ = RefuseArchiveStart(archive_, block, Block);
+    return false;
+  }
+  if (judged == CtarBadChecksum || judged == CtarBadSize) {
+    Note(survey_, "%s at offset 0x%llX: a restore stops here",
+         judged == CtarBadChecksum ? "bad header checksum" : "unreadable size field", Ull(offset));
+    StopsHere(offset);
+    Drain();
+    return false;
+  }
+  if (judged == CtarEnd) {
+    const uint64_t behind = Drain();
+    if (status_ != StatusWhole) return false;
+    if (behind == 0) {
+      survey_->final_sentinel = true;
+      survey_->sentinel = offset;
+      return false;
+    }
+    Note(survey_, "%llu bytes lie behind the sentinel at offset 0x%llX: the trace of a broken "
+         "retrieval; a restore stops at this sentinel", Ull(behind), Ull(offset));
+    StopsHere(offset);
+    return false;
+  }
+  Describe(block, offset, size, &view);
+  return Entry(block, view, size);
+}
+
+bool StreamWalk::Entry(const unsigned char* block, const EntryView& view, uint64_t size) {
+  if (const char* oddity = CtarHeaderOddity(block))
+    Note(survey_, "the header of %s at offset 0x%llX: its %s is not as a backup writes it",
+         view.name, Ull(view.offset), oddity);
+  if (!ReadEntryData(view)) return false;
+  survey_->entries.push_back({view, false});
+  survey_->data_bytes += size;
+  return true;
+}
+
+// Reads the entry's data through, then its padding, which must be zero.
+bool StreamWalk::ReadEntryData(const EntryView& view) {
+  int result = view.size > CtarLargestSize ? DataEnded : CopyData(archive_, view.size, -1);
+  unsigned char padding[CtarBlockSize];
+  const size_t pad = result == DataDone ? static_cast<size_t>(CtarPaddedSize(view.size) - view.size)
+                                        : 0;
+  if (pad > 0) {
+    const ssize_t got = ReadFull(archive_.fd, padding, pad);
+    if (got >= 0) archive_.position += static_cast<uint64_t>(got);
+    result = got < 0 ? DataReadFailed : static_cast<size_t>(got) < pad ? DataEnded : DataDone;
+  }
+  if (result == DataReadFailed) {
+    Complain("%s: read error in the data of %s (header at offset 0x%llX): %s", archive_.shown,
+             view.name, Ull(view.offset), strerror(errno));
+    status_ = StatusUnreadable;
+    return false;
+  }
+  if (result == DataEnded) {
+    Note(survey_, "truncated: the data of %s (header at offset 0x%llX, %llu bytes) runs past the "
+         "end of the file", view.name, Ull(view.offset), Ull(view.size));
+    Drain();
+    return false;
+  }
+  for (size_t i = 0; i < pad; i++)
+    if (padding[i] != 0) {
+      Note(survey_, "the padding behind the data of %s (header at offset 0x%llX) is not zero",
+           view.name, Ull(view.offset));
+      break;
+    }
+  return true;
+}
+
+// Reads the rest of the stream; the bytes there. A read error is complained
+// of and ends the survey as unreadable.
+uint64_t StreamWalk::Drain() {
+  const uint64_t before = archive_.position;
+  if (SkipData(archive_, UINT64_MAX) == DataReadFailed) {
+    Complain("%s: read error at offset 0x%llX: %s", archive_.shown, Ull(archive_.position),
+             strerror(errno));
+    status_ = StatusUnreadable;
+  }
+  return archive_.position - before;
+}
+
 }  // namespace
 
 int RunSurvey(Archive& archive, const char* what, bool read_data, Survey* survey) {
-  if (archive.size == 0) {
-    Complain("%s: empty, not a CTAR archive", archive.shown);
-    return StatusNotArchive;
-  }
   if (archive.size < Block) {
-    Complain("%s: only %llu bytes, not a CTAR archive", archive.shown, Ull(archive.size));
-    return StatusNotArchive;
+    // Too short for an archive; what little there is may still say what
+    // the file is instead.
+    unsigned char start[CtarBlockSize];
+    const ssize_t got = ReadArchiveAt(archive, start, static_cast<size_t>(archive.size), 0);
+    if (got < 0) {
+      Complain("%s: read error at offset 0x0: %s", archive.shown, strerror(errno));
+      return StatusUnreadable;
+    }
+    return RefuseArchiveStart(archive, start, static_cast<size_t>(got));
   }
   CurrentProgress.Start(what, archive.size);
   return SurveyWalk(archive, read_data, survey).Run();
+}
+
+int RunStreamSurvey(Archive& archive, const char* what, Survey* survey) {
+  CurrentProgress.Start(what, 0);
+  return StreamWalk(archive, survey).Run();
 }
 
 int SurveySeekableArchive(const char* path, const char* command, const char* what, bool read_data,

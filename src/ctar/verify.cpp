@@ -1,6 +1,7 @@
 // ctar verify: reads the whole archive, checks every header, size, the
 // data and the single sentinel at the end, and names the entries a broken
-// retrieval hid from a restore.
+// retrieval hid from a restore (in a file; a stream is checked up to where
+// a restore stops).
 #include <cstdio>
 #include <string>
 
@@ -18,7 +19,10 @@ int VerifyCommand(const Options& options) {
   Archive archive;
   Survey survey;
   // Nothing is written to standard output before the survey has run.
-  const int status = SurveySeekableArchive(options.operands[0], "verify", "verify", true, &archive, &survey);
+  int status = OpenArchive(options.operands[0], "verify", &archive);
+  if (status == StatusWhole)
+    status = archive.seekable ? RunSurvey(archive, "verify", true, &survey)
+                              : RunStreamSurvey(archive, "verify", &survey);
   if (status != StatusWhole) return FlushStandardOutput(status);
 
   size_t reachable = 0, hidden = 0;
@@ -44,7 +48,12 @@ int VerifyCommand(const Options& options) {
            reachable, data, Ull(survey.sentinel));
     return FlushStandardOutput(StatusWhole);
   }
-  if (survey.restore_stops_early)
+  if (survey.restore_stops_early && !survey.searched_behind_stop)
+    printf("result: damaged: a restore stops at offset 0x%llX after %zu %s; what lies behind it "
+           "was not searched for hidden entries, which needs a file (save the stream to one and "
+           "verify that)\n",
+           Ull(survey.restore_stop), reachable, reachable == 1 ? "entry" : "entries");
+  else if (survey.restore_stops_early)
     printf("result: damaged: a restore stops at offset 0x%llX after %zu %s; %zu more %s "
            "behind it%s\n",
            Ull(survey.restore_stop), reachable, reachable == 1 ? "entry" : "entries", hidden,

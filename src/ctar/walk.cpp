@@ -51,14 +51,7 @@ int ReadHeaderInOrder(Archive& archive, unsigned char* block) {
   }
   archive.position += static_cast<uint64_t>(got);
   if (static_cast<size_t>(got) == CtarBlockSize) return StatusWhole;
-  if (offset == 0 && got == 0) {
-    Complain("%s: empty, not a CTAR archive", archive.shown);
-    return StatusNotArchive;
-  }
-  if (offset == 0) {
-    Complain("%s: only %zd bytes, not a CTAR archive", archive.shown, got);
-    return StatusNotArchive;
-  }
+  if (offset == 0) return RefuseArchiveStart(archive, block, static_cast<size_t>(got));
   if (got == 0) {
     Complain("%s: truncated: the archive ends at offset 0x%llX without its sentinel",
              archive.shown, Ull(offset));
@@ -72,10 +65,8 @@ int ReadHeaderInOrder(Archive& archive, unsigned char* block) {
 // A header a restore stops at, or a first block that makes no archive: its
 // status after a complaint. StatusWhole for an entry or the sentinel.
 int RefuseHeader(const Archive& archive, int judged, const unsigned char* block, uint64_t offset) {
-  if (offset == 0 && !LooksLikeArchiveStart(judged, block)) {
-    Complain("%s: not a CTAR archive: its first block is no CTAR header", archive.shown);
-    return StatusNotArchive;
-  }
+  if (offset == 0 && !LooksLikeArchiveStart(judged, block))
+    return RefuseArchiveStart(archive, block, Block);
   if (judged == CtarBadChecksum) {
     Complain("%s: bad header checksum at offset 0x%llX: a restore stops here", archive.shown,
              Ull(offset));

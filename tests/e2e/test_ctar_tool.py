@@ -323,6 +323,103 @@ def test_input_that_is_no_archive(tmp_path):
                                             "real.tar"]
 
 
+COMPRESSORS = ["gzip", "bzip2", "xz", "zstd"]
+
+
+def compressed(path, tool):
+    """The file at path compressed by the real tool, beside it."""
+    out = path.with_name(path.name + "." + tool)
+    with open(out, "wb") as f:
+        subprocess.run([tool, "-c", str(path)], stdout=f, check=True, timeout=60)
+    return out
+
+
+def decompressed_into_ctar(tool, path, *args):
+    """TOOL -dc PATH | ctar ARGS: ctar's result, after the tool's status was
+    checked."""
+    with subprocess.Popen([tool, "-dc", str(path)], stdout=subprocess.PIPE) as feed:
+        r = ctar(*args, stdin=feed.stdout)
+        feed.stdout.close()
+        assert feed.wait(timeout=60) == 0, tool
+    return r
+
+
+def test_compressed_archives_are_named_with_the_way_to_decompress_them(tmp_path):
+    archive = tmp_path / "small.ctar"
+    ctarlib.write_archive(archive, [ctarlib.Entry("/QDLS", b"d" * 3000),
+                                    ctarlib.Entry("/home", b"h" * 700, directory=True)])
+    out = directory(tmp_path, "out")
+    for tool in COMPRESSORS:
+        packed = compressed(archive, tool)
+        assert packed.read_bytes() != archive.read_bytes()
+        hint = "ctar: %s: compressed with %s; decompress it first: %s -dc %s" % (
+            packed, tool, tool, packed)
+        cases = [(["list", packed], hint + " | ctar list -"),
+                 (["list", "--json", packed], hint + " | ctar list -"),
+                 (["verify", packed], hint + " | ctar verify -"),
+                 (["extract", packed, "-C", out], hint + " | ctar extract -"),
+                 (["salvage", packed, out / "new.ctar"],
+                  hint + " > FILE && ctar salvage FILE OUT")]
+        for args, message in cases:
+            r = ctar(*args)
+            assert r.returncode == NOT_ARCHIVE, (args, r.err)
+            assert r.err.splitlines() == [message], args
+            if "--json" in args:
+                assert json.loads(r.out)["problem"] == message[len("ctar: "):]
+        # Through a pipe the tool is put into it.
+        for command in ("list", "verify", "extract"):
+            r = ctar(command, "-", "-C", out, data=packed.read_bytes()) if command == "extract" \
+                else ctar(command, "-", data=packed.read_bytes())
+            assert r.returncode == NOT_ARCHIVE, (tool, command)
+            assert r.err.splitlines() == [
+                "ctar: standard input: compressed with %s; decompress it first: ... | %s -dc | "
+                "ctar %s -" % (tool, tool, command)], (tool, command)
+        # Decompressed as the message says, it is the archive again.
+        r = decompressed_into_ctar(tool, packed, "verify", "-")
+        assert r.returncode == WHOLE, (tool, r.out + r.err)
+        assert r.out == ctar("verify", archive).out
+    assert os.listdir(out) == []
+
+
+def test_a_stream_is_listed_and_verified_as_the_file_is(backups, tmp_path):
+    data = backups.good.read_bytes()
+    last, hit = backups.entries[-1], backups.entries[2]
+    flipped = bytearray(data)
+    flipped[hit.offset + 3] ^= 0x04
+    with_sentinel = len(data) - 512
+    # name, bytes, where a restore stops before the end (or None) and how
+    # many entries it reaches there.
+    cases = [("whole", data, None, 0),
+             ("cut in the data", data[:last.offset + 512 + 100], None, 0),
+             ("cut in a header", data[:last.offset + 100], None, 0),
+             ("cut near the end", data[:with_sentinel - 10], None, 0),
+             ("no sentinel", data[:with_sentinel], None, 0),
+             ("flipped header bit", bytes(flipped), hit.offset, 2),
+             ("broken retrieval", backups.broken.read_bytes(),
+              512 + backups.entries[0].size + len(ctarlib.padding(backups.entries[0].size)), 1)]
+    for name, content, stop, reached in cases:
+        path = written(tmp_path, content, "stream.ctar")
+        for args in (["list", "-v"], ["verify", "-v"]):
+            from_file = ctar(*args, path)
+            piped = ctar(*args, "-", data=content)
+            assert piped.returncode == from_file.returncode, (name, args, piped.err)
+            assert (piped.returncode == WHOLE) == (name == "whole"), (name, args)
+            assert piped.err == from_file.err.replace(str(path), "standard input"), (name, args)
+            expected = from_file.out
+            if args[0] == "verify" and stop is not None:
+                # A stream is not searched behind the place where a restore
+                # stops: no hidden entries, and the result says why.
+                lines = from_file.out.splitlines()
+                assert after("hidden: ", lines), name
+                expected = "\n".join(
+                    [l for l in lines[:-1] if not l.startswith("hidden: ")] +
+                    ["result: damaged: a restore stops at offset 0x%X after %d %s; what lies "
+                     "behind it was not searched for hidden entries, which needs a file (save "
+                     "the stream to one and verify that)" %
+                     (stop, reached, "entry" if reached == 1 else "entries")]) + "\n"
+            assert piped.out == expected, (name, args)
+
+
 def test_command_line_mistakes(backups, tmp_path):
     good = backups.good
     for args, message in [((), "no command given"),
@@ -336,11 +433,14 @@ def test_command_line_mistakes(backups, tmp_path):
         r = ctar(*args)
         assert r.returncode == USAGE, args
         assert message in r.err.splitlines()[0], (args, r.err)
-    # A pipe cannot be looked ahead in; redirected from the file itself it can.
-    r = ctar("verify", "-", data=good.read_bytes())
-    assert r.returncode == USAGE and "verify needs an archive it can seek in" in r.err
+    # Salvage cannot look ahead in a pipe; redirected from the file itself it can.
+    r = ctar("salvage", "-", tmp_path / "out.ctar", data=good.read_bytes())
+    assert r.returncode == USAGE
+    assert r.err.splitlines() == ["ctar: standard input: salvage needs an archive it can seek "
+                                  "in; save the stream to a file first"]
+    assert not (tmp_path / "out.ctar").exists()
     with open(good, "rb") as f:
-        assert ctar("verify", "-", stdin=f).returncode == WHOLE
+        assert ctar("salvage", "-", tmp_path / "out.ctar", stdin=f).returncode == WHOLE
     r = ctar("--help")
     assert r.returncode == 0 and "Exit status:" in r.out and r.err == ""
 
