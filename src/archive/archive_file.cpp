@@ -17,6 +17,7 @@
 
 #include "archive/writer.h"
 #include "support/log.h"
+#include "support/run_record.h"
 #include "support/sysio.h"
 
 // The module this file reports as in failure messages.
@@ -156,6 +157,7 @@ int CommitArchiveFile() {
   ArchiveFile.temp_path.clear();
   CloseDescriptor(&ArchiveDescriptor);
   SyncDirectoryOf(ArchiveFile.final_path);
+  RecordArchiveKept(ArchiveFile.final_path);
   return 0;
 }
 

@@ -16,6 +16,7 @@
 #include "backup/listing_walk.h"
 #include "backup/workers.h"
 #include "support/log.h"
+#include "support/run_record.h"
 #include "support/termination.h"
 #include "support/text.h"
 #include "cli/settings.h"
@@ -51,17 +52,34 @@ bool KeepArchive(int status) {
   return !ArchiveBroken && (ArchiveEntries.load() > 0 || status == 0);
 }
 
+// The totals as the summary reports them.
+void RecordBackupTotals(const BackupTotals& sum) {
+  RecordedTotals totals;
+  totals.attempted = sum.attempted;
+  totals.failed = sum.failed;
+  totals.partial = sum.partial;
+  totals.bytes = sum.bytes;
+  RecordTotals(totals);
+}
+
 // Ends a backup that a termination request stopped: the entries written so
 // far are whole, so the archive is put in place like any other, and the
-// status says which signal ended the run.
-[[noreturn]] void EndTerminatedBackup() {
+// status says which signal ended the run. sum: what the workers did, when
+// they ran.
+[[noreturn]] void EndTerminatedBackup(const BackupTotals* sum) {
   VFAIL("Backup Terminated Cleanly\n");
+  if (sum) {
+    BackupTotals counted = *sum;
+    counted.attempted += IncludesMissed;
+    counted.failed += IncludesMissed;
+    RecordBackupTotals(counted);
+  }
   int status = TerminationStatus();
   if (!KeepArchive(status))
     DiscardArchiveFile();
   else if (CommitArchiveFile() != 0)
     status = 255;
-  exit(status);
+  exit(EndRun(status));
 }
 
 // Lists the server into the include tree and sorts it into the kind trees.
@@ -167,15 +185,16 @@ int BackupDriver(FtpSession* session) {
     if (!PlanBackup(session, &plan)) return -1;
     const double t1 = Now();
     if (!StartEmptyArchive()) return -1;
-    if (TerminationRequested.load()) EndTerminatedBackup();
+    if (TerminationRequested.load()) EndTerminatedBackup(nullptr);
 
     BackupTotals sum{};
     RunWorkers(plan.kinds, &sum);
-    if (TerminationRequested.load()) EndTerminatedBackup();
+    if (TerminationRequested.load()) EndTerminatedBackup(&sum);
     const double t2 = Now();
     // What the include file named but could not be found counts as failed.
     sum.attempted += IncludesMissed;
     sum.failed += IncludesMissed;
+    RecordBackupTotals(sum);
     status = ReportBackup(sum, t1 - t0, t2 - t1);
   }
   return FinishArchive(status);

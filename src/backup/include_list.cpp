@@ -8,9 +8,11 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <string>
 
 #include "backup/listing_walk.h"
 #include "support/log.h"
+#include "support/run_record.h"
 #include "support/termination.h"
 #include "support/text.h"
 #include "cli/settings.h"
@@ -35,10 +37,18 @@ void AddSpecialObjects(ObjectNode* root, const struct tm& now) {
 }
 
 // An include path that brings nothing to save is listed as not backed up
-// and counts as one failed object.
-void MissInclude(const char* include) {
+// and counts as one failed object; reason is the line that said why.
+void MissInclude(const char* include, const std::string& reason) {
   if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s\n", include);
+  RecordFailedObject(include, &reason);
   IncludesMissed++;
+}
+
+// The failure line just printed, for MissInclude.
+std::string LastLine() {
+  std::string line;
+  LastFailureLine(&line);
+  return line;
 }
 
 // Lists the directory an include path lies in, with the root named for the
@@ -56,7 +66,7 @@ int ListIncludeDirectory(FtpSession* session, ObjectNode* root, const char* dire
   }
   if (!context->found && !context->unchanged) {
     LogMessage("Object not found: %s\n", include);
-    MissInclude(include);
+    MissInclude(include, std::string("Object not found: ") + include);
   }
   return 0;
 }
@@ -74,7 +84,7 @@ int ResolveIncludeLine(FtpSession* session, ObjectNode* root, char* line, Listin
   if (IsSpecialObject(include)) return 0;  // already decided
   if (!strchr(include, '/')) {
     VFAIL("Invalid object: %s\n", include);
-    MissInclude(include);
+    MissInclude(include, LastLine());
     return 0;
   }
   char* last = strrchr(line, '/');
@@ -84,7 +94,7 @@ int ResolveIncludeLine(FtpSession* session, ObjectNode* root, char* line, Listin
     *last = '\0';
   if (strpbrk(line, "*?")) {
     VFAIL("wild card error: %s\n", include);
-    MissInclude(include);
+    MissInclude(include, LastLine());
     return 0;
   }
   return ListIncludeDirectory(session, root, line, include, context);

@@ -24,6 +24,7 @@
 #include "backup/save_commands.h"
 #include "ftp/session.h"
 #include "support/log.h"
+#include "support/run_record.h"
 #include "support/string_list.h"
 #include "support/sysio.h"
 #include "support/termination.h"
@@ -113,6 +114,7 @@ int RunSaveCommand(FtpSession* session, const char* command, ObjectFile* object,
     VFAIL("%s command failed\n  %s\n", save.label, reply.quoted);
     return -1;
   }
+  NotePartialReason(reply.quoted);
   writer->partial = 1;
   return 0;
 }

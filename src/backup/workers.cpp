@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
 #include <vector>
 
 #include "archive/archive_file.h"
@@ -18,6 +19,7 @@
 #include "backup/save_commands.h"
 #include "ftp/session.h"
 #include "support/log.h"
+#include "support/run_record.h"
 #include "support/termination.h"
 #include "support/text.h"
 #include "cli/settings.h"
@@ -212,14 +214,23 @@ int ProcessObject(FtpSession* session, ObjectFile* object, int number, ArchiveWr
   writer->partial = 0;
   const SaveFunction save = ChooseSave(object->name);
   TransferStats stats{};
+  ForgetFailureLine();
+  std::string reason;
+  TakePartialReason(&reason);  // none is left from an earlier object
   if (!CanBeArchived(object) || save(session, object, number, &stats, ArchiveWriteCallback, writer) != 0) {
+    const bool printed = LastFailureLine(&reason);
+    RecordFailedObject(object->name, printed ? &reason : nullptr);
     LogMessageTo(stderr, "Backup Failure: %s\n", object->name);
     if (Settings.notbackedup) LogMessageTo(Settings.notbackedup, "%s\n", object->name);
     writer->failures++;
     return 1;
   }
   LogMessage("Backup Success: %s\n", object->name);
-  if (writer->partial) totals->partial++;
+  if (writer->partial) {
+    totals->partial++;
+    const bool given = TakePartialReason(&reason);
+    RecordPartialObject(object->name, given ? &reason : nullptr);
+  }
   totals->save_seconds += stats.save_seconds;
   totals->wait_seconds += stats.wait_seconds;
   totals->transfer_seconds += stats.transfer_seconds;

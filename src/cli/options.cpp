@@ -42,6 +42,8 @@ constexpr int LastShortOption = 0x7F;
 constexpr int TlsOption = 0x100;
 constexpr int TlsImplicitOption = 0x101;
 constexpr int CacertOption = 0x102;
+constexpr int VersionOption = 0x103;
+constexpr int SummaryOption = 0x104;
 
 // The order of this table fixes the short-option string and the usage text.
 const OptionRow Options[] = {
@@ -100,6 +102,11 @@ const OptionRow Options[] = {
     {"cacert", required_argument, CacertOption,
      "Follow with a PEM file of the CA certificates to trust for TLS instead of "
      "the system's."},
+    {"version", no_argument, VersionOption,
+     "Print the program's name, version and TLS library, and exit."},
+    {"summary", required_argument, SummaryOption,
+     "Follow with a path to which to write a JSON summary of the backup or "
+     "restore run when it ends, whatever its status."},
 };
 constexpr int OptionCount = sizeof(Options) / sizeof(Options[0]);
 
@@ -283,7 +290,8 @@ int CopyArgument(char** slot, const char* argument, const char* what) {
   return 0;
 }
 
-// One option; returns 0, -1 for a bad option, 1 for --help.
+// One option; returns 0, -1 for a bad option, 1 for --help, 2 for
+// --version.
 int HandleOption(int letter, char* argument) {
   switch (letter) {
     case 'b': return CopyArgument(&Settings.backup_path, argument, "backup output path");
@@ -311,6 +319,8 @@ int HandleOption(int letter, char* argument) {
     case TlsOption: return SetTls(TlsExplicit, "tls");
     case TlsImplicitOption: return SetTls(TlsImplicit, "tls-implicit");
     case CacertOption: return SetCacert(argument);
+    case VersionOption: return 2;
+    case SummaryOption: return CopyArgument(&Settings.summary_path, argument, "summary path");
     case '?': return -1;  // getopt_long has already said what was wrong
     default:
       LogMessageTo(stderr, "%s: getopt(): ", ProgramName);
@@ -371,10 +381,13 @@ int ParseOptions(int argc, char** argv) {
   long_options[OptionCount] = {nullptr, 0, nullptr, 0};
 
   int state = 0;
+  bool version = false;
   int letter;
   while ((letter = getopt_long(argc, argv, short_options, long_options, nullptr)) != -1) {
     int result = HandleOption(letter, optarg);
-    if (result == 1)
+    if (result == 2)
+      version = true;
+    else if (result == 1)
       state = 1;
     else if (result != 0)
       state = -1;
@@ -385,6 +398,8 @@ int ParseOptions(int argc, char** argv) {
     LogMessageTo(stderr, "%s: --cacert needs --tls or --tls-implicit\n", ProgramName);
     state = -1;
   }
+  // --version wins over every mode and --help, but not over a bad option.
+  if (version && state != -1) state = 2;
   return state;
 }
 

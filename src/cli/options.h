@@ -6,7 +6,8 @@
 
 // Reads every option of the command line into Settings. Collects every bad
 // option before judging, so that an operator sees all mistakes at once.
-// Returns 0, -1 (bad options) or 1 (--help). Arguments that are no option
+// Returns 0, -1 (bad options), 1 (--help) or 2 (--version, given with no
+// bad option). Arguments that are no option
 // are left from optind on.
 int ParseOptions(int argc, char** argv);
 

@@ -33,6 +33,7 @@ struct RunSettings {
   int test_count = 0;
   TlsMode tls_mode = TlsOff;
   const char* cacert = nullptr;  // PEM file of trusted CAs; nullptr: the system's store
+  char* summary_path = nullptr;  // --summary: where the run's JSON summary goes
 };
 
 extern RunSettings Settings;

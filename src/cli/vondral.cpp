@@ -18,9 +18,12 @@
 #include "cli/options.h"
 #include "cli/settings.h"
 #include "cli/signals.h"
+#include "cli/summary.h"
+#include "cli/version.h"
 #include "ftp/session.h"
 #include "restore/restore.h"
 #include "support/log.h"
+#include "support/run_record.h"
 #include "support/termination.h"
 
 // The module this file reports as in failure messages.
@@ -60,8 +63,9 @@ void StartProcess(const char* argv0) {
 }
 
 // Reads the options and checks that the command line as a whole can run:
-// no stray arguments, a server and credentials. 0, or -1 after saying what
-// is wrong and showing the usage text.
+// no stray arguments, a server and credentials. 0, 1 when --version was
+// answered (nothing more to do), or -1 after saying what is wrong and
+// showing the usage text.
 int ReadCommandLine(int argc, char** argv) {
   int state = ParseOptions(argc, argv);
   if (optind < argc) {
@@ -69,6 +73,11 @@ int ReadCommandLine(int argc, char** argv) {
       LogMessageTo(stderr, "%s: unknown argument: %s\n", ProgramName, argv[i]);
     Usage();
     return -1;
+  }
+  // Like --help, --version needs no server and no credentials.
+  if (state == 2) {
+    PrintVersion();
+    return 1;
   }
   if (state != 0) {
     Usage();
@@ -134,11 +143,9 @@ int RunMode(FtpSession* session) {
   return -1;
 }
 
-int RunProgram(int argc, char** argv) {
-  struct timeval start{};
-  gettimeofday(&start, nullptr);
-  StartProcess(argv[0]);
-  if (ReadCommandLine(argc, argv) != 0) return 255;
+// The run once its command line was accepted: the work before the login,
+// the login and the mode. Its exit status.
+int RunAcceptedCommandLine(const struct timeval& start) {
   int early_status = PrepareArchiveBeforeLogin();
   if (early_status != 0) return early_status;
   FtpSession* session = LogIn();
@@ -152,6 +159,19 @@ int RunProgram(int argc, char** argv) {
   gettimeofday(&end, nullptr);
   LogMessage("** Total Run Time: %.3f seconds\n", Seconds(end) - Seconds(start));
   return result & 0xFF;
+}
+
+int RunProgram(int argc, char** argv) {
+  struct timeval start{};
+  gettimeofday(&start, nullptr);
+  StartProcess(argv[0]);
+  const int command_line = ReadCommandLine(argc, argv);
+  if (command_line == 1) return 0;
+  if (command_line != 0) return 255;
+  StartRunSummary(start.tv_sec);
+  // Every way the run ends from here goes through EndRun, which writes the
+  // summary; a terminated run's exit does so from inside its mode.
+  return EndRun(RunAcceptedCommandLine(start));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "archive/ctar_format.h"
 #include "archive/reader.h"
@@ -17,6 +18,7 @@
 #include "restore/entry_selection.h"
 #include "restore/restore_commands.h"
 #include "support/log.h"
+#include "support/run_record.h"
 #include "support/string_list.h"
 #include "support/sysio.h"
 #include "support/termination.h"
@@ -107,6 +109,10 @@ const DispatchRow& RowFor(const char* name) {
 
 enum class Outcome { Restored, Skipped, Failed };
 
+// Why the entry in hand failed, when its restore command said so; else the
+// last failure line printed for the entry is the reason.
+std::string EntryFailureReason;
+
 // With -vv: how long the upload and the restore command of an entry took.
 void ReportEntryTimes(const RestoreTimes& times, int64_t size) {
   const char* unit = "";
@@ -127,6 +133,9 @@ Outcome ProcessEntry(FtpSession* session, const char* name, ArchiveReader* reade
   const DispatchRow& row = RowFor(name);
   RestoreTimes times{};
   if (row.run(session, name, objects, &times, reader) != 0) {
+    // The restore command's own failure, before the entry's general line.
+    std::string reason;
+    if (LastFailureLine(&reason)) EntryFailureReason = reason;
     row.report();
     FreeStringList(objects);
     return Outcome::Failed;
@@ -218,14 +227,16 @@ HeaderVerdict JudgeEntryHeader(const unsigned char* header, int64_t offset, int6
   return HeaderVerdict::Entry;
 }
 
-// Names the entry of the header and restores it when it is wanted.
-Outcome RestoreNamedEntry(FtpSession* session, const unsigned char* header, ArchiveReader* reader) {
-  char name[CtarBlockSize];
-  if (ReadCtarName(name, sizeof name, header) > static_cast<int>(sizeof name) - 1) {
+// Names the entry of the header (into name, CtarBlockSize bytes) and
+// restores it when it is wanted.
+Outcome RestoreNamedEntry(FtpSession* session, const unsigned char* header, ArchiveReader* reader,
+                          char* name) {
+  name[0] = '\0';
+  if (ReadCtarName(name, CtarBlockSize, header) > static_cast<int>(CtarBlockSize) - 1) {
     VFAIL("path too long\n");
     return Outcome::Failed;
   }
-  CtarEntryName(header, name, sizeof name);
+  CtarEntryName(header, name, CtarBlockSize);
   LogMessage("Archive  : %s\n", name);
   const Outcome outcome = ProcessEntry(session, name, reader);
   // Whatever became of the upload, no read of this entry is left in flight
@@ -243,6 +254,10 @@ struct RestorePass {
   // (the archive cannot be read on) decides the run alone.
   int failures = 0;
   bool fatal = false;
+  // Entries by outcome, for the summary.
+  uint64_t restored = 0;
+  uint64_t skipped = 0;
+  uint64_t failed = 0;
 };
 
 // Restores or skips the entry of the header and moves the pass to the next
@@ -250,13 +265,22 @@ struct RestorePass {
 // archive that cannot be read on (fatal).
 bool HandleEntry(RestorePass* pass, const unsigned char* header, int64_t size) {
   ArchiveReader reader{pass->descriptor, 0, size, size};
-  Outcome outcome = RestoreNamedEntry(pass->session, header, &reader);
+  char name[CtarBlockSize];
+  ForgetFailureLine();
+  EntryFailureReason.clear();
+  Outcome outcome = RestoreNamedEntry(pass->session, header, &reader, name);
   // A run that is ending reads no further: skipping may mean reading
   // through gigabytes of a pipe.
   if (outcome != Outcome::Restored && TerminationRequested.load()) return false;
   if (outcome == Outcome::Skipped && SkipArchiveData(pass->descriptor, size) != 0)
     outcome = Outcome::Failed;
+  if (outcome == Outcome::Restored) pass->restored++;
+  if (outcome == Outcome::Skipped) pass->skipped++;
   if (outcome == Outcome::Failed) {
+    std::string reason = EntryFailureReason;
+    const bool said = !reason.empty() || LastFailureLine(&reason);
+    RecordFailedObject(name, said ? &reason : nullptr);
+    pass->failed++;
     VFAIL("failed to restore object at offset 0x%llX\n", static_cast<unsigned long long>(pass->offset));
     pass->failures++;
     // What the upload did not consume; nothing once it read the padding.
@@ -313,8 +337,20 @@ void ReportRestored(int64_t bytes, const struct timeval* start) {
   }
 }
 
+// The pass's totals as the summary reports them.
+void RecordRestoreTotals(const RestorePass& pass) {
+  RecordedTotals totals;
+  totals.attempted = pass.restored + pass.failed;
+  totals.failed = pass.failed;
+  totals.restored = pass.restored;
+  totals.skipped = pass.skipped;
+  totals.bytes = static_cast<uint64_t>(pass.offset);
+  RecordTotals(totals);
+}
+
 // After the pass: the authorities, the end of a terminated run, the report.
 int FinishRestore(RestorePass* pass, const struct timeval* start) {
+  RecordRestoreTotals(*pass);
   // Private authorities refer to the profiles, so they come back once,
   // after every entry, and only when profiles were restored.
   if (RestoredProfiles > 0 && RestoreAuthority(pass->session) != 0) {
@@ -323,7 +359,7 @@ int FinishRestore(RestorePass* pass, const struct timeval* start) {
   }
   if (TerminationRequested.load()) {
     VFAIL("Restore Terminated Cleanly\n");
-    exit(TerminationStatus());
+    exit(EndRun(TerminationStatus()));
   }
   if (pass->fatal) return -1;
   ReportRestored(pass->offset, start);

@@ -55,7 +55,25 @@ uint32_t AppendEntry(int number, uint32_t identity) {
   return n;
 }
 
+// The calling thread's last message to standard error, for LastFailureLine.
+thread_local std::string FailureLine;
+thread_local bool HasFailureLine = false;
+
+void KeepFailureLine(const char* format, va_list args) {
+  char text[2048];
+  vsnprintf(text, sizeof text, format, args);
+  FailureLine = text;
+  while (!FailureLine.empty() && FailureLine.back() == '\n') FailureLine.pop_back();
+  HasFailureLine = true;
+}
+
 void WriteLine(FILE* stream, const char* format, va_list args) {
+  if (stream == stderr) {
+    va_list copy;
+    va_copy(copy, args);
+    KeepFailureLine(format, copy);
+    va_end(copy);
+  }
   // The clock is read before the lock, so two threads may print their times
   // out of order; the lines themselves never mix.
   time_t now = time(nullptr);
@@ -86,6 +104,17 @@ void LogMessageTo(FILE* stream, const char* format, ...) {
   va_start(args, format);
   WriteLine(stream, format, args);
   va_end(args);
+}
+
+bool LastFailureLine(std::string* text) {
+  if (!HasFailureLine) return false;
+  *text = FailureLine;
+  return true;
+}
+
+void ForgetFailureLine() {
+  FailureLine.clear();
+  HasFailureLine = false;
 }
 
 uint32_t RegisterThread(int number) {

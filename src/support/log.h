@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
+#include <string>
 
 // Name the program was started under; every message starts with it.
 extern const char* ProgramName;
@@ -18,6 +19,14 @@ extern std::mutex LogLock;
 [[gnu::format(printf, 1, 2)]] void LogMessage(const char* format, ...);
 // The same to the given stream (standard error for failures and usage).
 [[gnu::format(printf, 2, 3)]] void LogMessageTo(FILE* stream, const char* format, ...);
+
+// The text of the last message this thread wrote to standard error since
+// ForgetFailureLine, without its time, thread tag and final newline (a
+// message of two lines, such as a failed command and the server's quoted
+// reply, is kept whole). false when there was none. What the run summary
+// gives as the reason an object failed.
+bool LastFailureLine(std::string* text);
+void ForgetFailureLine();
 
 // Registers the calling thread under `number`, or under the next free number
 // when `number` is -1. Numbers are never reused within a run.

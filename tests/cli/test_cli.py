@@ -215,3 +215,38 @@ def test_a_link_to_a_missing_archive_names_where_it_is_made(run, tmp_path):
     assert r.status == 255
     assert re.match(r"vondral\[backup\.cpp,\d+\]: open\(%s\): No such file or directory$"
                     % re.escape(str(tmp_path / "missing" / "a.ctar.partial")), r.err_lines[0]), r.err
+
+
+def project_version():
+    """The version project() of CMakeLists.txt sets: the one place it is kept."""
+    root = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+    with open(os.path.join(root, "CMakeLists.txt")) as f:
+        return re.search(r"^project\(vondral VERSION (\d+\.\d+\.\d+)", f.read(), re.M).group(1)
+
+
+@pytest.mark.parametrize("args", [
+    ["--version"],
+    ["--version", "--help"],
+    ["--help", "--version"],
+    ["-s", "127.0.0.1", "-c", "u:here:p", "-b", "/nonexistent/a.ctar", "--version"],
+    ["-t", "--version", "-r", "-"],
+])
+def test_version_wins_over_every_mode_and_needs_no_server(run, args):
+    import ssl
+    r = run(*args)
+    assert r.status == 0, r.err
+    assert r.err == ""
+    # The TLS library is the one the process loaded, as Python's ssl sees it.
+    assert r.out_lines == ["vondral %s (%s)" % (project_version(), ssl.OPENSSL_VERSION)]
+
+
+@pytest.mark.parametrize("args, first", [
+    (["--version", "--wait", "x"], "invalid argument: --wait x"),
+    (["--version", "stray"], "vondral: unknown argument: stray"),
+    (["--version", "--cacert", "/dev/null"], "vondral: --cacert needs --tls or --tls-implicit"),
+])
+def test_a_bad_command_line_is_refused_even_with_version(run, usage_lines, args, first):
+    r = run(*args)
+    assert r.status == 255
+    assert r.out == ""
+    assert r.err_lines == [first] + usage_lines
