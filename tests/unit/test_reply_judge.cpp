@@ -49,7 +49,9 @@ TEST(ReplyJudge, APartialSaveNeeds550AndBothPhrasesInOrder) {
     const char* count = nullptr;
     int length = -1;
     EXPECT_EQ(FindNotSavedCount(c.reply, &count, &length), c.partial) << c.reply;
-    if (c.partial) EXPECT_EQ(std::string(count, static_cast<size_t>(length)), c.count) << c.reply;
+    if (c.partial) {
+      EXPECT_EQ(std::string(count, static_cast<size_t>(length)), c.count) << c.reply;
+    }
   }
 }
 
