@@ -15,6 +15,7 @@
 #include "archive/ctar_format.h"
 #include "archive/read_ahead.h"
 #include "support/log.h"
+#include "support/run_progress.h"
 #include "support/sysio.h"
 #include "support/termination.h"
 
@@ -165,6 +166,7 @@ int ArchiveReadCallback(void* argument, char* buffer, int* count) {
   *count = static_cast<int>(std::min<int64_t>(got, reader->left));
   reader->calls++;
   reader->left -= got;
+  ProgressBytes(static_cast<uint64_t>(got));
   return 0;
 }
 

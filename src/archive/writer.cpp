@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "support/log.h"
+#include "support/run_progress.h"
 #include "support/sysio.h"
 
 // The module this file reports as in failure messages.
@@ -170,8 +171,10 @@ int ArchiveWriteCallback(void* argument, char* buffer, int* count) {
   }
   // Every call counts, an empty one too: a retrieval whose callback was
   // never called brought no data.
+  const int given = *count;
   const int result = WriteData(writer, buffer, count);
   writer->calls++;
+  if (result == 0 && given > 0) ProgressBytes(static_cast<uint64_t>(given));
   return result;
 }
 

@@ -16,6 +16,7 @@
 #include "backup/listing_walk.h"
 #include "backup/workers.h"
 #include "support/log.h"
+#include "support/run_progress.h"
 #include "support/run_record.h"
 #include "support/termination.h"
 #include "support/text.h"
@@ -80,6 +81,14 @@ void RecordBackupTotals(const BackupTotals& sum) {
   else if (CommitArchiveFile() != 0)
     status = 255;
   exit(EndRun(status));
+}
+
+// The objects the kind trees hold, as the run's totals count them.
+uint64_t PlannedObjects(ObjectNode** kinds) {
+  uint64_t objects = 0;
+  for (int i = 0; i < ObjectKindCount(); i++)
+    if (kinds[i]) objects += kinds[i]->count;
+  return objects;
 }
 
 // Lists the server into the include tree and sorts it into the kind trees.
@@ -188,7 +197,9 @@ int BackupDriver(FtpSession* session) {
     if (TerminationRequested.load()) EndTerminatedBackup(nullptr);
 
     BackupTotals sum{};
+    StartBackupProgress(PlannedObjects(plan.kinds));
     RunWorkers(plan.kinds, &sum);
+    StopRunProgress();
     if (TerminationRequested.load()) EndTerminatedBackup(&sum);
     const double t2 = Now();
     // What the include file named but could not be found counts as failed.

@@ -19,6 +19,7 @@
 #include "backup/save_commands.h"
 #include "ftp/session.h"
 #include "support/log.h"
+#include "support/run_progress.h"
 #include "support/run_record.h"
 #include "support/termination.h"
 #include "support/text.h"
@@ -87,6 +88,7 @@ uint64_t SavedBytes(const ArchiveWriter* writer) {
 // saved.
 void SaveDirectoryUnit(FtpSession* session, const ObjectNode* dir, int number, ArchiveWriter* writer,
                        BackupTotals* totals) {
+  const uint64_t attempted = totals->attempted;
   totals->attempted += dir->count;
   ObjectFile* unit = NewFileNode(nullptr, dir->name, dir->mode, 0, dir->mtime);
   if (unit && ProcessObject(session, unit, number, writer, totals) == 0) {
@@ -97,6 +99,7 @@ void SaveDirectoryUnit(FtpSession* session, const ObjectNode* dir, int number, A
   }
   if (unit) FreeFileList(unit);
   totals->bytes += SavedBytes(writer);
+  ProgressDone(totals->attempted - attempted);
 }
 
 void SaveFileUnit(FtpSession* session, ObjectFile* file, int number, ArchiveWriter* writer,
@@ -108,6 +111,7 @@ void SaveFileUnit(FtpSession* session, ObjectFile* file, int number, ArchiveWrit
     totals->failed++;
   }
   totals->bytes += SavedBytes(writer);
+  ProgressDone(1);
 }
 
 struct WorkerArgument {
@@ -213,6 +217,7 @@ int ProcessObject(FtpSession* session, ObjectFile* object, int number, ArchiveWr
   writer->bytes = 0;
   writer->partial = 0;
   const SaveFunction save = ChooseSave(object->name);
+  ProgressInHand(object->name);
   TransferStats stats{};
   ForgetFailureLine();
   std::string reason;

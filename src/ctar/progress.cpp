@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 
+#include "support/status_line.h"
 #include "support/text.h"
 
 namespace ctar {
@@ -16,6 +16,11 @@ namespace {
 
 // The size from which a terminal is shown progress without being asked.
 constexpr uint64_t ProgressThreshold = 4ull << 30;
+
+StatusLine& Line() {
+  static StatusLine line(stderr);
+  return line;
+}
 
 double Now() {
   struct timespec t{};
@@ -27,20 +32,6 @@ double Now() {
 
 ProgressMode ProgressSetting = ProgressMode::Auto;
 Progress CurrentProgress;
-
-void HumanBytes(uint64_t bytes, char* out, size_t capacity) {
-  static const char* const units[] = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB"};
-  double value = static_cast<double>(bytes);
-  size_t unit = 0;
-  while (value >= 1024 && unit + 1 < sizeof units / sizeof units[0]) {
-    value /= 1024;
-    unit++;
-  }
-  if (unit == 0)
-    FormatBounded(out, capacity, "%llu bytes", static_cast<unsigned long long>(bytes));
-  else
-    FormatBounded(out, capacity, "%.1f %s", value, units[unit]);
-}
 
 void Progress::Start(const char* what, uint64_t total) {
   what_ = what;
@@ -68,7 +59,7 @@ void Progress::Update(uint64_t done) {
 
 void Progress::Clear() {
   if (!shown_) return;
-  fprintf(stderr, "\r%*s\r", static_cast<int>(width_), "");
+  Line().Forget();
   shown_ = false;
 }
 
@@ -76,7 +67,7 @@ void Progress::Finish(uint64_t done) {
   if (!enabled_) return;
   done_ = done;
   Draw();
-  fputc('\n', stderr);
+  Line().Leave();
   shown_ = false;
   enabled_ = false;
 }
@@ -92,9 +83,7 @@ void Progress::Draw() {
   } else {
     FormatBounded(line, sizeof line, "ctar: %s: %s read", what_, done);
   }
-  size_t length = strlen(line);
-  fprintf(stderr, "\r%s%*s", line, static_cast<int>(width_ > length ? width_ - length : 0), "");
-  width_ = length;
+  Line().Show(line);
   shown_ = true;
 }
 

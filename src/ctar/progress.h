@@ -1,14 +1,11 @@
 // The progress line ctar draws on standard error while it reads a large
-// archive for a person at a terminal, and sizes in words for people.
+// archive for a person at a terminal.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 namespace ctar {
-
-// A byte count for people: "812 bytes", "1.5 GiB".
-void HumanBytes(uint64_t bytes, char* out, size_t capacity);
 
 enum class ProgressMode { Auto, Always, Never };
 // --progress and --no-progress; Auto without either.
@@ -36,7 +33,6 @@ class Progress {
   bool enabled_ = false;
   bool shown_ = false;
   double last_ = 0;
-  size_t width_ = 0;
 };
 
 // The one progress line of the run.

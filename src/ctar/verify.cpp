@@ -12,6 +12,7 @@
 #include "ctar/progress.h"
 #include "ctar/status.h"
 #include "ctar/survey.h"
+#include "support/text.h"
 
 namespace ctar {
 

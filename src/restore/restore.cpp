@@ -18,6 +18,7 @@
 #include "restore/entry_selection.h"
 #include "restore/restore_commands.h"
 #include "support/log.h"
+#include "support/run_progress.h"
 #include "support/run_record.h"
 #include "support/string_list.h"
 #include "support/sysio.h"
@@ -238,6 +239,7 @@ Outcome RestoreNamedEntry(FtpSession* session, const unsigned char* header, Arch
   }
   CtarEntryName(header, name, CtarBlockSize);
   LogMessage("Archive  : %s\n", name);
+  ProgressInHand(name);
   const Outcome outcome = ProcessEntry(session, name, reader);
   // Whatever became of the upload, no read of this entry is left in flight
   // when the archive moves on.
@@ -265,6 +267,11 @@ struct RestorePass {
 // archive that cannot be read on (fatal).
 bool HandleEntry(RestorePass* pass, const unsigned char* header, int64_t size) {
   ArchiveReader reader{pass->descriptor, 0, size, size};
+  ProgressPosition(static_cast<uint64_t>(pass->offset));
+  // Every way out of this entry counts it done.
+  struct CountDone {
+    ~CountDone() { ProgressDone(1); }
+  } count_done;
   char name[CtarBlockSize];
   ForgetFailureLine();
   EntryFailureReason.clear();
@@ -348,6 +355,14 @@ void RecordRestoreTotals(const RestorePass& pass) {
   RecordTotals(totals);
 }
 
+// The size of the archive when it is a regular file; 0 (not known) for a
+// pipe or anything else.
+uint64_t RegularFileSize(int descriptor) {
+  struct stat status{};
+  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size < 0) return 0;
+  return static_cast<uint64_t>(status.st_size);
+}
+
 // After the pass: the authorities, the end of a terminated run, the report.
 int FinishRestore(RestorePass* pass, const struct timeval* start) {
   RecordRestoreTotals(*pass);
@@ -403,7 +418,9 @@ int RestoreArchive(FtpSession* session) {
   Opened.descriptor = -1;
   struct timeval start{};
   const bool started = gettimeofday(&start, nullptr) == 0;
+  StartRestoreProgress(RegularFileSize(pass.descriptor));
   RunPass(&pass, Opened.first);
+  StopRunProgress();
   CloseDescriptor(&pass.descriptor);
   return FinishRestore(&pass, started ? &start : nullptr);
 }

@@ -3,7 +3,10 @@
 
 #include <pthread.h>
 
+#include <cstring>
 #include <ctime>
+
+#include "support/status_line.h"
 
 const char* ProgramName = "vondral";
 std::mutex LogLock;
@@ -67,6 +70,32 @@ void KeepFailureLine(const char* format, va_list args) {
   HasFailureLine = true;
 }
 
+// The status line, when one is shown, and whether the last text written to
+// a terminal left its line open (a -v4 reply echo without its line end): the
+// status line waits for the line to end rather than draw into it.
+StatusLine* Status = nullptr;
+StatusSource Source = nullptr;
+bool LineOpen = false;
+
+// The formatted text written to a terminal that shows the status line: the
+// line is erased first, and drawn again once the text ends its line.
+void WriteAroundStatus(FILE* stream, const char* head, const char* format, va_list args) {
+  va_list copy;
+  va_copy(copy, args);
+  const int length = vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  if (length < 0) return;
+  std::string text(static_cast<size_t>(length) + 1, '\0');
+  vsnprintf(text.data(), text.size(), format, args);
+  text.pop_back();
+  Status->Erase();
+  fputs(head, stream);
+  fputs(text.c_str(), stream);
+  fflush(stream);
+  LineOpen = text.empty() ? LineOpen : text.back() != '\n';
+  DrawLogStatus();
+}
+
 void WriteLine(FILE* stream, const char* format, va_list args) {
   if (stream == stderr) {
     va_list copy;
@@ -80,8 +109,14 @@ void WriteLine(FILE* stream, const char* format, va_list args) {
   struct tm local{};
   localtime_r(&now, &local);
   std::lock_guard<std::mutex> hold(LogLock);
-  fprintf(stream, "[%02d:%02d:%02d] ", local.tm_hour, local.tm_min, local.tm_sec);
-  fprintf(stream, "[T%02u] ", ThreadNumber(CurrentThreadIdentity()));
+  char head[64];
+  snprintf(head, sizeof head, "[%02d:%02d:%02d] [T%02u] ", local.tm_hour, local.tm_min, local.tm_sec,
+           ThreadNumber(CurrentThreadIdentity()));
+  if (Status && StreamIsTerminal(stream)) {
+    WriteAroundStatus(stream, head, format, args);
+    return;
+  }
+  fputs(head, stream);
   vfprintf(stream, format, args);
 }
 
@@ -104,6 +139,26 @@ void LogMessageTo(FILE* stream, const char* format, ...) {
   va_start(args, format);
   WriteLine(stream, format, args);
   va_end(args);
+}
+
+void SetLogStatus(StatusSource source) {
+  static StatusLine line(stderr);
+  Status = &line;
+  Source = source;
+}
+
+void DrawLogStatus() {
+  if (!Status || !Source || LineOpen) return;
+  char text[512];
+  Source(text, sizeof text);
+  Status->Show(text);
+}
+
+void ForgetLogStatus() {
+  if (!Status) return;
+  Status->Forget();
+  Status = nullptr;
+  Source = nullptr;
 }
 
 bool LastFailureLine(std::string* text) {

@@ -20,6 +20,16 @@ extern std::mutex LogLock;
 // The same to the given stream (standard error for failures and usage).
 [[gnu::format(printf, 2, 3)]] void LogMessageTo(FILE* stream, const char* format, ...);
 
+// A status line at the bottom of standard error, kept below the log lines:
+// erased before a line reaches a terminal and drawn again after it, with
+// its text asked anew of `source` at every draw. Shown only on a terminal;
+// the caller checks. All three under LogLock.
+using StatusSource = void (*)(char* text, size_t capacity);
+void SetLogStatus(StatusSource source);
+void DrawLogStatus();
+// Erased for good.
+void ForgetLogStatus();
+
 // The text of the last message this thread wrote to standard error since
 // ForgetFailureLine, without its time, thread tag and final newline (a
 // message of two lines, such as a failed command and the server's quoted

@@ -1,6 +1,8 @@
 // The record of a run for its summary, and the one way out of a run.
 #include "support/run_record.h"
 
+#include "support/run_progress.h"
+
 #include <atomic>
 #include <mutex>
 
@@ -71,6 +73,8 @@ RunRecord CopyRunRecord() {
 void SetRunEndHook(RunEndHook hook) { Hook = hook; }
 
 int EndRun(int status) {
+  // The progress line goes before the last words of the run.
+  StopRunProgress();
   // Only the first end counts: a terminated run's exit comes from inside
   // its mode, before the caller's return could.
   if (!Hook || Ended.exchange(true)) return status;

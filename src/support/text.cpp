@@ -62,3 +62,17 @@ void WipeAndFree(char** text) {
   free(*text);
   *text = nullptr;
 }
+
+void HumanBytes(uint64_t bytes, char* out, size_t capacity) {
+  static const char* const units[] = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB"};
+  double value = static_cast<double>(bytes);
+  size_t unit = 0;
+  while (value >= 1024 && unit + 1 < sizeof units / sizeof units[0]) {
+    value /= 1024;
+    unit++;
+  }
+  if (unit == 0)
+    FormatBounded(out, capacity, "%llu bytes", static_cast<unsigned long long>(bytes));
+  else
+    FormatBounded(out, capacity, "%.1f %s", value, units[unit]);
+}

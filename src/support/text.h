@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 // Every bounded copy of text goes through these helpers; nothing else in the
 // program copies protocol or path text by hand.
@@ -32,3 +33,7 @@ void WipeAndFree(char** text);
 // "G"), run totals by 1024 above 2048 ("k", "M", "G").
 double ScaleDecimal(double value, char* unit);
 double ScaleBinary(double value, char* unit);
+
+// A byte count for people, as progress lines and ctar show it: "812 bytes",
+// "1.5 GiB".
+void HumanBytes(uint64_t bytes, char* out, size_t capacity);
