@@ -243,6 +243,13 @@ def test_the_good_configuration_of_these_tests_passes_the_check(tmp_path):
     assert (r.returncode, r.stderr) == (0, ""), r.stderr
 
 
+def test_the_shipped_example_configuration_passes_the_check(tmp_path):
+    r = subprocess.run([str(SCRIPT), "--check", "-f",
+                        str(simlib.repo_root() / "packaging" / "example.conf")],
+                       capture_output=True, text=True, timeout=30)
+    assert (r.returncode, r.stderr) == (0, ""), r.stderr
+
+
 @pytest.mark.parametrize("case,creds", [("no credentials directory", None),
                                         ("no passphrase in it", "empty")])
 def test_a_run_without_the_passphrase_is_refused(tmp_path, case, creds):
