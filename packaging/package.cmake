@@ -33,8 +33,8 @@ install(PROGRAMS ${VONDRAL_PACKAGING}/vondral-backup DESTINATION lib/vondral)
 # Debian 12's systemd looks here for units of packages (as debhelper puts them).
 install(FILES ${VONDRAL_PACKAGING}/vondral-backup@.service ${VONDRAL_PACKAGING}/vondral-backup@.timer
   DESTINATION /lib/systemd/system)
-install(FILES README.md docs/architecture.md docs/reliability.md docs/summary.md
-  ${VONDRAL_PACKAGING}/copyright DESTINATION share/doc/vondral)
+file(GLOB VONDRAL_DOCS ${CMAKE_CURRENT_SOURCE_DIR}/docs/*.md)
+install(FILES README.md ${VONDRAL_DOCS} ${VONDRAL_PACKAGING}/copyright DESTINATION share/doc/vondral)
 install(FILES ${VONDRAL_PACKAGING}/example.conf ${VONDRAL_PACKAGING}/example.include
   DESTINATION share/doc/vondral/examples)
 # The operator's configuration and passphrases go here; the package ships
