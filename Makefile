@@ -8,6 +8,10 @@
 # make test   installs what the tests need (as root), builds, runs every test
 # Each target installs the Debian packages it needs when run as root, and
 # otherwise names them and stops (tools/install-deps.sh).
+# make deb    the Debian package build/vondral_VERSION_ARCH.deb (e.g.
+#             build/vondral_1.0.0_amd64.deb, CPack): the programs, manual
+#             pages, bash completion, the vondral-backup@.timer units and
+#             their script, the documentation (packaging/package.cmake)
 # make bench  vondral against curl (in clear and over FTPS) and this
 #             machine's limits: prints the table and writes it to
 #             bench/results.md (BENCH_GIB=2 BENCH_REPS=7)
@@ -16,7 +20,7 @@ JOBS  ?= 2
 PREFIX ?= /usr/local
 DESTDIR ?=
 
-.PHONY: all test deps demo try clean install uninstall bench
+.PHONY: all test deps demo try clean install uninstall bench deb
 INSTALLED := bin/vondral bin/ctar share/man/man1/vondral.1 share/man/man1/ctar.1
 
 # VONDRAL_TESTS is left as the build directory has it: off for a fresh one,
@@ -34,6 +38,15 @@ install: all
 # Only the files: the directories may have been there before.
 uninstall:
 	rm -f $(addprefix $(DESTDIR)$(PREFIX)/,$(INSTALLED))
+
+# The package lands in $(BUILD); CPack's own work files stay in
+# $(BUILD)/_CPack_Packages.
+deb:
+	tools/install-deps.sh deb
+	tools/check-build.sh
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build $(BUILD) -j$(JOBS) --target vondral ctar manpages
+	cd $(BUILD) && cpack -G DEB
 
 deps:
 	tools/install-deps.sh

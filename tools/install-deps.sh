@@ -6,16 +6,23 @@
 #
 #   tools/install-deps.sh build      # cmake, g++, make, libssl-dev
 #   tools/install-deps.sh demo       # the build's and the simulator's
+#   tools/install-deps.sh deb        # the build's and what make deb runs
 #   tools/install-deps.sh            # everything `make test` runs
 set -u
 build="cmake g++ make libssl-dev"
 # The simulator needs pyftpdlib; the private network namespace needs
 # unshare (util-linux) and ip (iproute2).
 demo="$build python3-pyftpdlib iproute2 util-linux"
-test="$demo libgtest-dev python3-pytest python3-openssl openssl vsftpd clang libclang-rt-14-dev gzip bzip2 xz-utils zstd"
+# make deb: CPack computes Depends with dpkg-shlibdeps (dpkg-dev), which
+# finds the programs with file; the man pages are gzipped.
+deb="$build dpkg-dev file gzip"
+# The package tests read the manual pages (man-db, groff-base), source the
+# completion in bash and check the units with systemd-analyze (systemd).
+test="$demo $deb libgtest-dev man-db groff-base bash systemd python3-pytest python3-openssl openssl vsftpd clang libclang-rt-14-dev bzip2 xz-utils zstd"
 case "${1:-test}" in
   build) packages=$build ;;
   demo) packages=$demo ;;
+  deb) packages=$deb ;;
   test) packages=$test ;;
   *) packages=$* ;;
 esac

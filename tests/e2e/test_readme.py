@@ -10,6 +10,12 @@ Every indented code block of README.md must follow a marker line
             simulated server of the sample tree.
   synopsis  each line is a usage line: the words in capitals are filled in
             (ARCHIVE, NAME..., DIR, OUT) and every optional part is given.
+  config    a configuration file of the scheduled backup, its path on the
+            first line (`# /etc/vondral/NAME.conf`): the real script
+            (packaging/vondral-backup --check) must accept it.
+  setup     the scheduled backup's set-up as root (dpkg, systemctl): not run
+            here; each command has its entry in SETUP, which checks that it
+            names what the package, the units and the config block name.
 
 A command of a `run` block is a line that is neither empty nor a comment,
 with `\\` continuations joined. Comment lines starting with `#  ` (two
@@ -45,7 +51,7 @@ from vlib import PREFIX, decoded
 
 README = simlib.repo_root() / "README.md"
 MARKER = re.compile(r"^<!-- readme-test: (\S+) -->$")
-KINDS = ("make", "run", "synopsis")
+KINDS = ("make", "run", "synopsis", "config", "setup")
 LOCAL = re.compile(r"(?<![^\s<>:=])/(backup|etc|tmp)(?=/)")
 CTAR = os.environ.get("CTAR_BIN") or str(simlib.repo_root() / "build" / "ctar")
 
@@ -127,6 +133,7 @@ MAKE_TARGETS = {
     "try": "tests/make feeds it a script",
     "test": "it is the run this test is part of",
     "bench": "five minutes and 5 GiB of disk; run by hand (bench/results.md)",
+    "deb": "tests/package runs it once per run and checks and installs the package",
 }
 
 
@@ -421,3 +428,99 @@ def test_verbose_form_of_the_readme(form, refused, sim_factory):
                         "-c", "qsecofr:here:secret", "-t"], capture_output=True, timeout=60)
     assert r.returncode == (255 if refused else 0), r.stderr
     assert bool(sim.lines()) != refused  # a refused command line reaches no server
+
+
+# --- the scheduled backup: the config block and the set-up lines
+
+SCRIPT = simlib.repo_root() / "packaging" / "vondral-backup"
+PACKAGING = simlib.repo_root() / "packaging"
+
+
+def config_blocks():
+    return readme_blocks("config")
+
+
+def config_of_readme():
+    """(path named on the block's first line, {key: value}) of the one
+    config block."""
+    found = config_blocks()
+    assert len(found) == 1, found
+    body = found[0]
+    m = re.fullmatch(r"# (/etc/vondral/[\w.@-]+\.conf)", body[0])
+    assert m, "the config block does not start with its path: %r" % body[0]
+    values = dict(line.split("=", 1) for line in body[1:] if line and not line.startswith("#"))
+    return m.group(1), values
+
+
+@pytest.mark.parametrize("body", config_blocks())
+def test_readme_config_block_is_accepted_by_the_script(body, tmp_path):
+    path, _ = config_of_readme()
+    conf = tmp_path / os.path.basename(path)
+    conf.write_text("\n".join(body) + "\n")
+    r = subprocess.run([str(SCRIPT), "--check", "-f", str(conf)], capture_output=True,
+                       text=True, timeout=30)
+    assert (r.returncode, r.stderr) == (0, ""), r.stderr
+
+
+def instance():
+    return os.path.basename(config_of_readme()[0])[:-len(".conf")]
+
+
+def the_package_built(words):
+    version = re.search(r"^project\(vondral VERSION (\S+)",
+                        (simlib.repo_root() / "CMakeLists.txt").read_text(), re.M).group(1)
+    arch = subprocess.check_output(["dpkg", "--print-architecture"], text=True).strip()
+    assert words == ["dpkg", "-i", "build/vondral_%s_%s.deb" % (version, arch)]
+
+
+def include_from_the_example(words):
+    assert words[:2] == ["cp", "/usr/share/doc/vondral/examples/example.include"]
+    assert (PACKAGING / "example.include").is_file()
+    assert words[2:] == [config_of_readme()[1]["INCLUDE"]]
+
+
+def archive_directory(words):
+    assert words == ["mkdir", "-p", config_of_readme()[1]["ARCHIVE_DIR"]]
+
+
+def passphrase_file(words):
+    """The file the service loads the passphrase from, private to root."""
+    service = (PACKAGING / "vondral-backup@.service").read_text()
+    source = re.search(r"^LoadCredential=passphrase:(\S+)$", service, re.M).group(1)
+    assert words == ["install", "-m", "0600", "/dev/null", source.replace("%i", instance())]
+
+
+def unit(words):
+    """systemctl or journalctl on an instance of one of the templates, the
+    one of the config block."""
+    name = words[-1]
+    m = re.fullmatch(r"vondral-backup@([\w.-]+)\.(service|timer)", name)
+    assert m and m.group(1) == instance(), name
+    assert (PACKAGING / ("vondral-backup@." + m.group(2))).is_file()
+
+
+SETUP = {
+    "dpkg -i build/vondral_1.0.0_amd64.deb": the_package_built,
+    "cp /usr/share/doc/vondral/examples/example.include /etc/vondral/prod.include":
+        include_from_the_example,
+    "mkdir -p /var/backups/vondral": archive_directory,
+    "install -m 0600 /dev/null /etc/vondral/prod.passphrase": passphrase_file,
+    "systemctl enable --now vondral-backup@prod.timer": unit,
+    "systemctl start vondral-backup@prod.service": unit,
+    "systemctl status vondral-backup@prod.service": unit,
+    "journalctl -u vondral-backup@prod.service": unit,
+}
+
+
+def setup_commands():
+    return [command.split(" # ")[0].strip() for body in readme_blocks("setup")
+            for command, _ in commands(body)]
+
+
+def test_every_setup_command_has_its_check():
+    assert sorted(setup_commands()) == sorted(SETUP)
+
+
+@pytest.mark.parametrize("command", setup_commands())
+def test_readme_setup_command_names_what_the_package_has(command):
+    SETUP[command](command.split())

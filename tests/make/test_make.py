@@ -161,6 +161,7 @@ def nothing_installed(directory):
 SETS = [
     ("build", "cmake g++ make libssl-dev"),
     ("demo", "cmake g++ make libssl-dev python3-pyftpdlib iproute2 util-linux"),
+    ("deb", "cmake g++ make libssl-dev dpkg-dev file gzip"),
 ]
 
 
