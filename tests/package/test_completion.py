@@ -14,8 +14,8 @@ from conftest import BUILD, REPO
 COMPLETION = REPO / "packaging" / "completion"
 CALL = r'''
 source "$1" || exit 90
-spec=$(complete -p "$2") || exit 91
-function=${spec#*-F } function=${function%% *}
+rule=$(complete -p "$2") || exit 91
+function=${rule#*-F } function=${function%% *}
 shift 2
 COMP_WORDS=("$@") COMP_CWORD=$CWORD COMP_LINE="$*" COMP_POINT=${#COMP_LINE}
 "$function"
