@@ -382,6 +382,10 @@ class SimHandler(FTPHandler):
         self._prot_p = False        # PROT P: data connections under TLS
         self._refusal = None        # final reply when no data connection
         self.timeout = int(self.state.config.get("idle_timeout", 300))
+        # A link of this round trip between client and server (see
+        # "round_trip_ms" in README.md); 0: none.
+        self._round_trip = float(self.state.config.get("round_trip_ms", 0)) / 1000
+        self._arrived = 0.0  # when the bytes being handled were received
         super().__init__(conn, server, ioloop)
 
     # --- plumbing
@@ -667,6 +671,18 @@ class SimHandler(FTPHandler):
         if self._idler is not None and not self._idler.cancelled:
             self._idler.reset()
 
+    def handle_read(self):
+        # Every line of one receive arrived together: a client that sends
+        # several commands at once waits one round trip for all of them.
+        self._arrived = time.monotonic()
+        super().handle_read()
+
+    def _cross_link(self, since):
+        """Waits until a round trip has passed since `since`: the command
+        crossed the link and its reply crosses back."""
+        if self._round_trip > 0:
+            STOP.wait(max(0.0, since + self._round_trip - time.monotonic()))
+
     def collect_incoming_data(self, data):
         self._in_buffer.append(data)
         self._in_buffer_len += len(data)
@@ -684,6 +700,7 @@ class SimHandler(FTPHandler):
         self._in_buffer_len = 0
         line = raw.decode("utf-8", "surrogateescape")
         st = self.state
+        self._cross_link(self._arrived)
         # the log is written before anything happens, so a test still sees
         # the command even when it makes the session vanish
         rec = {"session": self.sid, "cmd": line}
@@ -956,6 +973,9 @@ class SimHandler(FTPHandler):
                         return None
         finally:
             lst.close()
+        # The client's connect took its round trip before it could send or
+        # take anything.
+        self._cross_link(time.monotonic())
         conn.setblocking(False)
         conn.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self._data = conn

@@ -397,6 +397,34 @@ def test_delay_holds_only_its_own_session(sim_factory):
     fast.quit()
 
 
+ROUND_TRIP = 0.4
+
+
+def timed(action):
+    t0 = time.monotonic()
+    result = action()
+    return time.monotonic() - t0, result
+
+
+@pytest.mark.parametrize("what, action, trips", [
+    ("one command", lambda f: f.sendcmd("NOOP"), 1),
+    ("two commands one after the other", lambda f: (f.sendcmd("NOOP"), f.sendcmd("NOOP")), 2),
+    # Sent in one write: they cross the link together.
+    ("two commands sent together",
+     lambda f: (f.sock.sendall(b"NOOP\r\nNOOP\r\n"), f.getresp(), f.getresp()), 1),
+    # ftplib sends TYPE A, PASV, then LIST, and the data connection is one more.
+    ("a listing", lambda f: f.retrlines("LIST /", lambda line: None), 4),
+])
+def test_a_round_trip_is_paid_per_exchange_not_per_line(sim_factory, what, action, trips):
+    sim = sim_factory(config={"round_trip_ms": ROUND_TRIP * 1000})
+    f = sim.ftp()
+    took, _ = timed(lambda: action(f))
+    # At least the round trips; well under one more (a loaded machine adds
+    # a little, never a whole round trip of 0.4 s).
+    assert trips * ROUND_TRIP - 0.02 <= took < (trips + 0.75) * ROUND_TRIP, (what, took)
+    f.quit()
+
+
 def test_reply_overrides(sim_factory):
     partial = ("550-CPF3771 Partial save.\n"
                "550 CPF3771 1 objects saved. 1 objects not saved.")
