@@ -81,11 +81,11 @@ def cap_link(rate):
     return done.returncode == 0
 
 
-def vondral_backup(vondral, work, include):
+def vondral_backup(vondral, work, include, extra):
     archive = work / "link.ctar"
     t0 = time.monotonic()
     r = subprocess.run([str(vondral), "-s", ADDR, "-c", "%s:here:%s" % (USER, PASSWORD), "-b", archive,
-                        "-i", include], capture_output=True, text=True)
+                        "-i", include, *extra], capture_output=True, text=True)
     took = time.monotonic() - t0
     if r.returncode != 0:
         raise SystemExit("vondral failed (%d):\n%s%s" % (r.returncode, r.stdout[-2000:], r.stderr[-2000:]))
@@ -142,6 +142,7 @@ def main():
     parser.add_argument("--large", type=int, default=3)
     parser.add_argument("--large-mib", type=int, default=256)
     parser.add_argument("--reps", type=int, default=3)
+    parser.add_argument("--sessions", type=int, default=1, help="vondral's --sessions")
     args = parser.parse_args()
     if not os.environ.get("VONDRAL_NETNS") and not simlib.in_netns():
         raise SystemExit("run inside tools/netns.sh")
@@ -167,7 +168,8 @@ def main():
         objects = None
         for rep in range(args.reps):
             sim.clear_lines()
-            sides["vondral"].append(vondral_backup(vondral, work, include))
+            extra = ["--sessions", str(args.sessions)] if args.sessions > 1 else []
+            sides["vondral"].append(vondral_backup(vondral, work, include, extra))
             commands = sim.records()
             if objects is None:
                 objects = objects_of(commands)

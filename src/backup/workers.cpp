@@ -6,10 +6,13 @@
 #include <pthread.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -119,6 +122,16 @@ struct WorkerArgument {
   ObjectNode* tree;
 };
 
+void AddTotals(const BackupTotals& part, BackupTotals* sum) {
+  sum->attempted += part.attempted;
+  sum->failed += part.failed;
+  sum->save_seconds += part.save_seconds;
+  sum->wait_seconds += part.wait_seconds;
+  sum->transfer_seconds += part.transfer_seconds;
+  sum->bytes += part.bytes;
+  sum->partial += part.partial;
+}
+
 void ReportThreadTotals(uint32_t number, const BackupTotals& totals) {
   if (totals.attempted == 0) {
     LogMessage("** No objects attempted\n");
@@ -177,13 +190,7 @@ void CollectWorker(pthread_t thread, int index, ObjectNode* tree, BackupTotals* 
     CountTreeFailed(tree, sum);
     return;
   }
-  sum->attempted += totals->attempted;
-  sum->failed += totals->failed;
-  sum->save_seconds += totals->save_seconds;
-  sum->wait_seconds += totals->wait_seconds;
-  sum->transfer_seconds += totals->transfer_seconds;
-  sum->bytes += totals->bytes;
-  sum->partial += totals->partial;
+  AddTotals(*totals, sum);
   delete totals;
 }
 
@@ -243,21 +250,108 @@ int ProcessObject(FtpSession* session, ObjectFile* object, int number, ArchiveWr
   return 0;
 }
 
-int SaveKindTree(FtpSession* session, ObjectNode* tree, int number, BackupTotals* totals) {
+namespace {
+
+// A writer of the shared archive for one session; nullptr (after a
+// message) when there is no archive to write.
+std::unique_ptr<ArchiveWriter> NewWriter() {
   auto writer = std::make_unique<ArchiveWriter>();
   writer->descriptor = ArchiveDescriptor;
   writer->block = writer->storage;
   if (writer->descriptor < 0) {
     VFAIL("open(%s): %s\n", Settings.backup_path, strerror(EBADF));
-    return -1;
+    return nullptr;
   }
+  return writer;
+}
+
+// The units of one kind tree, its directories saved whole first and then
+// its files, handed out one at a time to the sessions that save the kind.
+struct UnitQueue {
+  std::vector<ObjectNode*> dirs;
+  std::vector<ObjectFile*> files;
+  std::atomic<size_t> next{0};
+};
+
+// Saves units taken from the queue until none is left; a termination
+// request ends the saving before the next unit.
+void SaveQueuedUnits(FtpSession* session, UnitQueue* queue, int number, ArchiveWriter* writer,
+                     BackupTotals* totals) {
+  while (!TerminationRequested.load()) {
+    const size_t i = queue->next.fetch_add(1);
+    if (i < queue->dirs.size()) {
+      SaveDirectoryUnit(session, queue->dirs[i], number, writer, totals);
+    } else if (i - queue->dirs.size() < queue->files.size()) {
+      SaveFileUnit(session, queue->files[i - queue->dirs.size()], number, writer, totals);
+    } else {
+      return;
+    }
+  }
+}
+
+
+// One more session saving units of a kind beside its worker (--sessions).
+struct ExtraSession {
+  UnitQueue* queue;
+  pthread_t thread{};
+  bool started = false;
+  BackupTotals totals{};
+  // Ended by an unexpected error: a unit it took may be neither saved nor
+  // counted, so the whole kind counts as failed, as for its worker.
+  bool broken = false;
+};
+
+void* RunExtraSession(void* argument) {
+  auto* extra = static_cast<ExtraSession*>(argument);
+  // Nothing may escape a thread.
+  try {
+    const uint32_t number = RegisterThread(-1);
+    FtpSession* session = NewSession(Settings.server, ControlService());
+    if (!session || Login(session, Settings.user, Settings.passphrase) != 0) {
+      // The kind's other sessions save what this one would have.
+      VFAIL("extra session: login failed\n");
+      if (session) Quit(session);
+      return nullptr;
+    }
+    std::unique_ptr<ArchiveWriter> writer = NewWriter();
+    if (writer) SaveQueuedUnits(session, extra->queue, static_cast<int>(number), writer.get(), &extra->totals);
+    Quit(session);
+    if (Settings.verbosity >= 1) ReportThreadTotals(number, extra->totals);
+  } catch (...) {
+    VFAIL("extra session ended by an unexpected error\n");
+    extra->broken = true;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+int SaveKindTree(FtpSession* session, ObjectNode* tree, int number, BackupTotals* totals) {
+  std::unique_ptr<ArchiveWriter> writer = NewWriter();
+  if (!writer) return -1;
   totals->attempted = 0;
   totals->failed = 0;
-  // A termination request ends the tree's saving before its next unit.
-  for (ObjectNode* dir = tree->first_dir; dir && !TerminationRequested.load(); dir = dir->next)
-    SaveDirectoryUnit(session, dir, number, writer.get(), totals);
-  for (ObjectFile* file = tree->first_file; file && !TerminationRequested.load(); file = file->next)
-    SaveFileUnit(session, file, number, writer.get(), totals);
+  UnitQueue queue;
+  for (ObjectNode* dir = tree->first_dir; dir; dir = dir->next) queue.dirs.push_back(dir);
+  for (ObjectFile* file = tree->first_file; file; file = file->next) queue.files.push_back(file);
+  // More sessions than units would log in for nothing.
+  const size_t units = queue.dirs.size() + queue.files.size();
+  const size_t wanted = std::min(static_cast<size_t>(Settings.sessions), units);
+  std::vector<ExtraSession> extras(wanted > 1 ? wanted - 1 : 0, ExtraSession{&queue});
+  for (ExtraSession& extra : extras) {
+    const int error = pthread_create(&extra.thread, nullptr, RunExtraSession, &extra);
+    extra.started = error == 0;
+    if (error != 0) VFAIL("pthread_create(): %s\n", strerror(error));
+  }
+  SaveQueuedUnits(session, &queue, number, writer.get(), totals);
+  bool broken = false;
+  for (ExtraSession& extra : extras) {
+    if (!extra.started) continue;
+    pthread_join(extra.thread, nullptr);
+    AddTotals(extra.totals, totals);
+    broken = broken || extra.broken;
+  }
+  if (broken) throw std::runtime_error("an extra session ended by an unexpected error");
   return 0;
 }
 

@@ -44,6 +44,7 @@ constexpr int TlsImplicitOption = 0x101;
 constexpr int CacertOption = 0x102;
 constexpr int VersionOption = 0x103;
 constexpr int SummaryOption = 0x104;
+constexpr int SessionsOption = 0x105;
 
 // The order of this table fixes the short-option string and the usage text.
 const OptionRow Options[] = {
@@ -107,6 +108,10 @@ const OptionRow Options[] = {
     {"summary", required_argument, SummaryOption,
      "Follow with a path to which to write a JSON summary of the backup or "
      "restore run when it ends, whatever its status."},
+    {"sessions", required_argument, SessionsOption,
+     "Follow with a number of sessions (1-16, default 1) that save the objects of "
+     "one kind side by side; the archive then holds them in the order they were "
+     "saved."},
 };
 constexpr int OptionCount = sizeof(Options) / sizeof(Options[0]);
 
@@ -260,6 +265,18 @@ int SetTimeout(const char* argument) {
   return 0;
 }
 
+// --sessions: more sessions for one kind of object cut the round trips an
+// object waits for on a slow link; each is one more job on the server.
+int SetSessions(const char* argument) {
+  long sessions = 0;
+  if (!StrictInteger(argument, 1, 16, &sessions)) {
+    LogMessageTo(stderr, "invalid argument: --sessions %s\n", argument);
+    return -1;
+  }
+  Settings.sessions = static_cast<int>(sessions);
+  return 0;
+}
+
 // --tls and --tls-implicit: one way of encrypting, asked for once.
 int SetTls(TlsMode mode, const char* option) {
   if (Settings.tls_mode != TlsOff && Settings.tls_mode != mode) {
@@ -321,6 +338,7 @@ int HandleOption(int letter, char* argument) {
     case CacertOption: return SetCacert(argument);
     case VersionOption: return 2;
     case SummaryOption: return CopyArgument(&Settings.summary_path, argument, "summary path");
+    case SessionsOption: return SetSessions(argument);
     case '?': return -1;  // getopt_long has already said what was wrong
     default:
       LogMessageTo(stderr, "%s: getopt(): ", ProgramName);

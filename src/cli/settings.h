@@ -27,6 +27,8 @@ struct RunSettings {
   uint64_t max_block_size = UINT64_MAX;
   uint8_t precheck = 1;
   uint8_t threading = 1;
+  // --sessions: sessions that save the objects of one kind side by side.
+  int sessions = 1;
   int timeout_minutes = 8;
   const char* wait_text = nullptr;  // the save command uses "120" without it
   int verbosity = 0;
