@@ -80,6 +80,8 @@ VONDRAL = [
     (["-s", ""], set()),  # a host name: nothing to offer
     (["-c", "q"], set()),
     (["-z", ""], set()),
+    (["--se"], {"--server", "--sessions"}),
+    (["--sessions", ""], set()),  # a number
 ]
 
 
