@@ -94,15 +94,12 @@ class Exchange {
       if (Settings.verbosity >= 4) VFAIL("'%c': looking for completion reply\n", '1');
     }
     if (DataLive()) {
-      short events = transfer_->receive ? (POLLIN | POLLPRI) : POLLOUT;
-      if (entries_ > 0 && set_[entries_ - 1].fd == data_->descriptor) {
-        set_[entries_ - 1].events |= events;
-        data_entry_ = static_cast<int>(entries_ - 1);
-      } else {
-        set_[entries_] = {data_->descriptor, events, 0};
-        records_[entries_] = data_;
-        data_entry_ = static_cast<int>(entries_++);
-      }
+      // The data connection has a descriptor of its own, never the control
+      // connection's, so it always takes an entry of its own.
+      const short events = transfer_->receive ? (POLLIN | POLLPRI) : POLLOUT;
+      set_[entries_] = {data_->descriptor, events, 0};
+      records_[entries_] = data_;
+      data_entry_ = static_cast<int>(entries_++);
       if (Settings.verbosity >= 4) {
         if (transfer_->receive)
           VFAIL("looking for more data to read\n");
