@@ -21,6 +21,7 @@
 #include "ftp/reply_judge.h"
 #include "ftp/session.h"
 #include "ftp/transfer_settings.h"
+#include "net/connection.h"
 #include "backup/save_commands.h"
 #include "ftp/session.h"
 #include "support/log.h"
@@ -249,6 +250,13 @@ int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* objec
   char command[CommandBufferSize];
   FormatBounded(command, sizeof command, "RETR %s", savf_path);
   int result = -1;
+  // The data connection is opened before the archive is taken, so that
+  // while another session's retrieval holds the archive this one's PASV
+  // and connect are already behind it: only the RETR and its data wait for
+  // the archive. A broken archive takes no PASV, as nothing is retrieved.
+  const bool ready = ArchiveBroken || PrepareDataCommand(session, command) == 0;
+  struct timeval asked{};
+  gettimeofday(&asked, nullptr);
   {
     // Holds the archive from here to the end of the block and, unless the
     // entry is closed whole, cuts the archive back to what it was: on a
@@ -256,12 +264,17 @@ int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* objec
     // a lost control connection back to the caller's checkpoint.
     ArchiveAppend append(writer);
     gettimeofday(locked, nullptr);
+    // A data connection left unused for long may be given up by the server
+    // or a firewall on the way: after a long wait it is closed, and the
+    // RETR opens a fresh one.
+    constexpr double StaleDataSeconds = 30;
+    if (Elapsed(asked, *locked) > StaleDataSeconds) CloseDataSocket(session->control->data);
     if (append.Usable()) {
       Reply reply;
       Transfer transfer;
       transfer.receive = callback;
       transfer.argument = writer;
-      int sent = DataCommand(session, command, transfer, &reply);
+      int sent = ready ? DataCommand(session, command, transfer, &reply) : -1;
       session->checkpoint_flags = checkpoint;
       if (sent != 0) {
         VFAIL("RETR command failed\n  %s\n", reply.quoted);
