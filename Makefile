@@ -12,9 +12,9 @@
 #             build/vondral_1.0.0_amd64.deb, CPack): the programs, manual
 #             pages, bash completion, the vondral-backup@.timer units and
 #             their script, the documentation (packaging/package.cmake)
-# make bench  vondral against curl (in clear and over FTPS) and this
-#             machine's limits: prints the table and writes it to
-#             bench/results.md (BENCH_GIB=2 BENCH_REPS=7)
+# make bench  vondral against curl (in clear, over FTPS and over a link with
+#             round trips) and this machine's limits: prints the table
+#             and writes it to bench/results.md (BENCH_GIB=2 BENCH_REPS=7)
 BUILD := build
 JOBS  ?= 2
 PREFIX ?= /usr/local

@@ -31,6 +31,9 @@ sys.path.insert(0, str(REPO / "tests" / "e2e"))
 import certs  # noqa: E402
 import simlib  # noqa: E402
 
+sys.path.insert(0, str(REPO / "bench"))
+import link_bench  # noqa: E402
+
 GIB = 1 << 30
 USER, PASSWORD = "qsecofr", "secret"
 CURL_FORMAT = "%{time_pretransfer} %{time_total} %{size_download} " \
@@ -457,6 +460,8 @@ def main():
         for label, path, n in WALKS:
             log("walk of %s objects ..." % label)
             walks[n] = b.walk(path, 3)
+        log("backup over a link with round trips ...")
+        link = link_bench.measure(b.vondral, reps=max(3, small_reps - 2))
     finally:
         for sim in (getattr(b, "sim", None), getattr(b, "tls_sim", None)):
             if sim:
@@ -632,6 +637,10 @@ def main():
                           1.2 * b.sizes[-1] / b.sizes[0]), g <= 1.2,
                        "%.2fx (CPU %.2fx)" % (g * b.sizes[-1] / b.sizes[0],
                                               c * b.sizes[-1] / b.sizes[0])))
+
+    lines, chk = link_bench.link_section(link)
+    out += lines
+    checks += chk
 
     out += ["### Targets", "", "| target | result | |", "|---|---:|---|"]
     for name, ok, value in checks:
