@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "archive/header_writer.h"
 #include "archive/writer.h"
@@ -21,7 +22,6 @@
 #include "ftp/reply_judge.h"
 #include "ftp/session.h"
 #include "ftp/transfer_settings.h"
-#include "net/connection.h"
 #include "backup/save_commands.h"
 #include "ftp/session.h"
 #include "support/log.h"
@@ -50,6 +50,43 @@ double Elapsed(const struct timeval& from, const struct timeval& to) {
   return static_cast<double>(to.tv_sec - from.tv_sec) +
          static_cast<double>(to.tv_usec - from.tv_usec) / 1000000;
 }
+
+// The archive, taken for a retrieval only once its data begins to come
+// (or once it ends without any). The PASV, the RETR and their round trips
+// are then behind a session before it waits for another session's
+// retrieval to end; what the server sends meanwhile waits in the data
+// connection. The archive's end is found, and the time it was taken
+// recorded, when it is taken.
+class ArchiveOnFirstData {
+ public:
+  ArchiveOnFirstData(ArchiveWriter* writer, DataCallback write, struct timeval* locked)
+      : writer_(writer), write_(write), locked_(locked) {}
+  ArchiveOnFirstData(const ArchiveOnFirstData&) = delete;
+  ArchiveOnFirstData& operator=(const ArchiveOnFirstData&) = delete;
+
+  ArchiveAppend& Take() {
+    if (!append_) {
+      append_.emplace(writer_);
+      gettimeofday(locked_, nullptr);
+    }
+    return *append_;
+  }
+
+  // The transfer's callback: takes the archive, then writes. Without a
+  // usable archive nothing can be written, and the transfer ends as it
+  // does when a write fails.
+  static int Receive(void* self, char* buffer, int* count) {
+    auto* taking = static_cast<ArchiveOnFirstData*>(self);
+    if (!taking->Take().Usable()) return 1;
+    return taking->write_(taking->writer_, buffer, count);
+  }
+
+ private:
+  ArchiveWriter* writer_;
+  DataCallback write_;
+  struct timeval* locked_;
+  std::optional<ArchiveAppend> append_;
+};
 
 // What a failed save reply means for the object.
 enum class PartialRule {
@@ -250,41 +287,34 @@ int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* objec
   char command[CommandBufferSize];
   FormatBounded(command, sizeof command, "RETR %s", savf_path);
   int result = -1;
-  // The data connection is opened before the archive is taken, so that
-  // while another session's retrieval holds the archive this one's PASV
-  // and connect are already behind it: only the RETR and its data wait for
-  // the archive. A broken archive takes no PASV, as nothing is retrieved.
-  const bool ready = ArchiveBroken || PrepareDataCommand(session, command) == 0;
-  struct timeval asked{};
-  gettimeofday(&asked, nullptr);
   {
-    // Holds the archive from here to the end of the block and, unless the
-    // entry is closed whole, cuts the archive back to what it was: on a
-    // refused or broken transfer, a failed write, or the abort that carries
-    // a lost control connection back to the caller's checkpoint.
-    ArchiveAppend append(writer);
-    gettimeofday(locked, nullptr);
-    // A data connection left unused for long may be given up by the server
-    // or a firewall on the way: after a long wait it is closed, and the
-    // RETR opens a fresh one.
-    constexpr double StaleDataSeconds = 30;
-    if (Elapsed(asked, *locked) > StaleDataSeconds) CloseDataSocket(session->control->data);
-    if (append.Usable()) {
-      Reply reply;
-      Transfer transfer;
-      transfer.receive = callback;
-      transfer.argument = writer;
-      int sent = ready ? DataCommand(session, command, transfer, &reply) : -1;
+    // Holds the archive from the retrieval's first data to the end of the
+    // block and, unless the entry is closed whole, cuts the archive back
+    // to what it was: on a refused or broken transfer, a failed write, or
+    // the abort that carries a lost control connection back to the
+    // caller's checkpoint.
+    ArchiveOnFirstData archive(writer, callback, locked);
+    // A broken archive takes no retrieval at all: its message, and no
+    // PASV or RETR.
+    if (ArchiveBroken && !archive.Take().Usable()) {
       session->checkpoint_flags = checkpoint;
-      if (sent != 0) {
-        VFAIL("RETR command failed\n  %s\n", reply.quoted);
-        // The transfer hands data over only in calls that carry some.
-        if (writer->calls == 0) LogMessage("Block returned no data\n");
-      } else {
-        result = CloseEntry(&append, object);
-      }
+      return -1;
+    }
+    Reply reply;
+    Transfer transfer;
+    transfer.receive = ArchiveOnFirstData::Receive;
+    transfer.argument = &archive;
+    int sent = DataCommand(session, command, transfer, &reply);
+    session->checkpoint_flags = checkpoint;
+    if (sent != 0) {
+      VFAIL("RETR command failed\n  %s\n", reply.quoted);
+      // The transfer hands data over only in calls that carry some.
+      if (writer->calls == 0) LogMessage("Block returned no data\n");
     } else {
-      session->checkpoint_flags = checkpoint;
+      // A retrieval that brought nothing still takes the archive, to be
+      // judged the way every entry is closed.
+      ArchiveAppend& append = archive.Take();
+      if (append.Usable()) result = CloseEntry(&append, object);
     }
   }
   // After a termination request the worker goes no further than this

@@ -23,7 +23,7 @@ int OpenPassiveConnection(FtpSession* session) {
   return 0;
 }
 
-int PrepareDataCommand(FtpSession* session, const char* command) {
+int DataCommand(FtpSession* session, const char* command, const Transfer& transfer, Reply* reply) {
   FtpConnection* control = session->control;
   if (!IsControlRecord(control)) return -1;
   // Checked before PASV, so that a run past its grace names the command it
@@ -32,11 +32,7 @@ int PrepareDataCommand(FtpSession* session, const char* command) {
   FtpConnection* data = control->data;
   if (!IsDataRecord(data)) return -1;
   if (data->descriptor < 0 && OpenPassiveConnection(session) != 0) return -1;
-  return EnsureTransferBuffer(data);
-}
-
-int DataCommand(FtpSession* session, const char* command, const Transfer& transfer, Reply* reply) {
-  if (PrepareDataCommand(session, command) != 0) return -1;
-  if (SendCommandLine(session->control, command) != 0) return -1;
-  return AwaitReply(session->control, command, reply, &transfer, ReplyWait::Bounded);
+  if (EnsureTransferBuffer(data) != 0) return -1;
+  if (SendCommandLine(control, command) != 0) return -1;
+  return AwaitReply(control, command, reply, &transfer, ReplyWait::Bounded);
 }
