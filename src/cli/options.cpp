@@ -237,14 +237,18 @@ int SetVerbose(const char* argument) {
   return 0;
 }
 
+// A whole number from low to high for --name, or the option's error.
+bool BoundedNumber(const char* name, const char* argument, long low, long high, long* value) {
+  if (StrictInteger(argument, low, high, value)) return true;
+  LogMessageTo(stderr, "invalid argument: --%s %s\n", name, argument);
+  return false;
+}
+
 int SetWait(const char* argument) {
   // Only a whole number reaches the save command, written as a number:
   // "12abc" would make every SAVLIB fail on the server.
   long seconds = 0;
-  if (!StrictInteger(argument, -1, 99999, &seconds)) {
-    LogMessageTo(stderr, "invalid argument: --wait %s\n", argument);
-    return -1;
-  }
+  if (!BoundedNumber("wait", argument, -1, 99999, &seconds)) return -1;
   if (seconds == -1) {
     Settings.wait_text = "*NOMAX";
   } else {
@@ -257,10 +261,7 @@ int SetWait(const char* argument) {
 
 int SetTimeout(const char* argument) {
   long minutes = 0;
-  if (!StrictInteger(argument, 1, 99999, &minutes)) {
-    LogMessageTo(stderr, "invalid argument: --timeout %s\n", argument);
-    return -1;
-  }
+  if (!BoundedNumber("timeout", argument, 1, 99999, &minutes)) return -1;
   Settings.timeout_minutes = static_cast<int>(minutes);
   return 0;
 }
@@ -269,10 +270,7 @@ int SetTimeout(const char* argument) {
 // object waits for on a slow link; each is one more job on the server.
 int SetSessions(const char* argument) {
   long sessions = 0;
-  if (!StrictInteger(argument, 1, 16, &sessions)) {
-    LogMessageTo(stderr, "invalid argument: --sessions %s\n", argument);
-    return -1;
-  }
+  if (!BoundedNumber("sessions", argument, 1, 16, &sessions)) return -1;
   Settings.sessions = static_cast<int>(sessions);
   return 0;
 }
