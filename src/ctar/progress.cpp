@@ -36,7 +36,6 @@ Progress CurrentProgress;
 void Progress::Start(const char* what, uint64_t total) {
   what_ = what;
   total_ = total;
-  shown_ = false;
   last_ = 0;
   enabled_ = ProgressSetting == ProgressMode::Always ||
              (ProgressSetting == ProgressMode::Auto && isatty(STDERR_FILENO) &&
@@ -52,15 +51,13 @@ void Progress::Update(uint64_t done) {
     enabled_ = true;
   if (!enabled_) return;
   double now = Now();
-  if (shown_ && now - last_ < 0.5) return;
+  if (Line().Shown() && now - last_ < 0.5) return;
   last_ = now;
   Draw();
 }
 
 void Progress::Clear() {
-  if (!shown_) return;
-  Line().Forget();
-  shown_ = false;
+  if (Line().Shown()) Line().Forget();
 }
 
 void Progress::Finish(uint64_t done) {
@@ -68,7 +65,6 @@ void Progress::Finish(uint64_t done) {
   done_ = done;
   Draw();
   Line().Leave();
-  shown_ = false;
   enabled_ = false;
 }
 
@@ -84,7 +80,6 @@ void Progress::Draw() {
     FormatBounded(line, sizeof line, "ctar: %s: %s read", what_, done);
   }
   Line().Show(line);
-  shown_ = true;
 }
 
 }  // namespace ctar

@@ -31,7 +31,6 @@ class Progress {
   uint64_t total_ = 0;
   uint64_t done_ = 0;
   bool enabled_ = false;
-  bool shown_ = false;
   double last_ = 0;
 };
 
