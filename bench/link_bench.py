@@ -196,7 +196,7 @@ def large_object_rate(vondral, work, shm, rtt_ms, mib):
     return (mib << 20) / own_totals(out)["Xfer"]
 
 
-def measure(vondral, rtt_ms=20, rate="1gbit", files=127, large=3, large_mib=320, reps=3, sessions=(1, 4),
+def measure(vondral, rtt_ms=20, rate="1gbit", files=127, large=3, large_mib=320, reps=3, sessions=(1, 8),
             one_large_mib=512):
     """Runs every side over the link; returns the figures."""
     work = Path(tempfile.mkdtemp(prefix="vondral-link-", dir=os.environ.get("BENCH_DIR", "/var/tmp")))
@@ -330,7 +330,7 @@ def main():
     parser.add_argument("--large-mib", type=int, default=320)
     parser.add_argument("--one-large-mib", type=int, default=512)
     parser.add_argument("--reps", type=int, default=3)
-    parser.add_argument("--sessions", default="1,4", help="vondral's --sessions, a list")
+    parser.add_argument("--sessions", default="1,8", help="vondral's --sessions, a list")
     args = parser.parse_args()
     if not simlib.in_netns():
         raise SystemExit("run inside tools/netns.sh")
