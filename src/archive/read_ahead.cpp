@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstring>
 #include <thread>
 
 #include "archive/reader.h"
@@ -31,13 +30,16 @@ bool ReadAhead::Start(const ArchiveReader* reader, int64_t room) {
   issued_ = 0;
   taken_ = 0;
   for (Slot& slot : slots_) slot.state = SlotState::Free;
+  lent_ = nullptr;
   active_ = true;
   work_.notify_all();
   return true;
 }
 
-ssize_t ReadAhead::Take(char* buffer) {
+ssize_t ReadAhead::Take(const char** bytes) {
   std::unique_lock<std::mutex> hold(lock_);
+  // The upload has sent what the last hand-over lent: the caller is back.
+  ReturnLent();
   const int64_t stretch = taken_ / Stretch;
   Slot& slot = slots_[stretch % Slots];
   done_.wait(hold, [&] { return slot.state == SlotState::Ready; });
@@ -50,15 +52,11 @@ ssize_t ReadAhead::Take(char* buffer) {
     Stop();
     return -1;
   }
-  // A ready slot is the callback's until it is freed: copied unlocked.
-  hold.unlock();
-  memcpy(buffer, slot.data + within, static_cast<size_t>(length));
-  hold.lock();
+  // A ready slot is the callback's until it is freed; its last hand-over
+  // frees it only at the next Take, once the upload has sent the bytes.
+  *bytes = slot.data + within;
   taken_ += length;
-  if (taken_ == total_ || taken_ % Stretch == 0) {
-    slot.state = SlotState::Free;
-    work_.notify_one();  // one more stretch may be read
-  }
+  if (taken_ == total_ || taken_ % Stretch == 0) lent_ = &slot;
   const int64_t position = base_ + taken_;
   hold.unlock();
   // Where the callback's own reads would have left the file.
@@ -66,10 +64,18 @@ ssize_t ReadAhead::Take(char* buffer) {
   return static_cast<ssize_t>(length);
 }
 
+void ReadAhead::ReturnLent() {
+  if (!lent_) return;
+  lent_->state = SlotState::Free;
+  lent_ = nullptr;
+  work_.notify_one();  // one more stretch may be read
+}
+
 void ReadAhead::Stop() {
   std::unique_lock<std::mutex> hold(lock_);
   if (!active_) return;
   active_ = false;
+  ReturnLent();
   done_.wait(hold, [&] {
     for (const Slot& slot : slots_)
       if (slot.state == SlotState::Reading) return false;
@@ -80,11 +86,19 @@ void ReadAhead::Stop() {
 
 bool ReadAhead::StartThreads() {
   if (started_) return true;
-  for (Slot& slot : slots_) {
-    if (slot.data) continue;
-    void* mapped = mmap(nullptr, Stretch, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (!slots_[0].data) {
+    // One mapping for all the slots, on a huge-page boundary and offered
+    // huge pages: every direct read pins its buffer's pages, and every send
+    // walks them, so fewer and larger pages cost less. Where the system
+    // gives none, small pages serve as before.
+    constexpr size_t Huge = size_t{2} << 20;
+    constexpr size_t Length = static_cast<size_t>(Slots * Stretch);
+    void* mapped = mmap(nullptr, Length + Huge, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mapped == MAP_FAILED) return false;
-    slot.data = static_cast<char*>(mapped);
+    const uintptr_t at = reinterpret_cast<uintptr_t>(mapped);
+    const uintptr_t aligned = (at + Huge - 1) / Huge * Huge;
+    madvise(reinterpret_cast<void*>(aligned), Length, MADV_HUGEPAGE);
+    for (int i = 0; i < Slots; i++) slots_[i].data = reinterpret_cast<char*>(aligned) + i * Stretch;
   }
   // The readers live as long as the process and are never joined.
   for (int i = 0; i < Readers; i++) std::thread([this] { Read(); }).detach();
@@ -95,8 +109,10 @@ bool ReadAhead::StartThreads() {
 void ReadAhead::Read() {
   std::unique_lock<std::mutex> hold(lock_);
   for (;;) {
+    // The slot must be free too: a stretch read out may still be lent.
     work_.wait(hold, [&] {
-      return active_ && issued_ * Stretch < total_ && issued_ < taken_ / Stretch + Slots;
+      return active_ && issued_ * Stretch < total_ && issued_ < taken_ / Stretch + Slots &&
+             slots_[issued_ % Slots].state == SlotState::Free;
     });
     const int64_t index = issued_++;
     Slot& slot = slots_[index % Slots];

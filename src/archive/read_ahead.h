@@ -18,7 +18,9 @@ struct ArchiveReader;
 // reader threads read the entry's next stretch of whole blocks (direct,
 // 512-aligned, into page-aligned buffers) in reads of 1 MiB, several in
 // flight, and the callback hands over from them, in order, exactly what its
-// own read would have given. Where a stretch comes back short or failed
+// own read would have given: it lends the upload the bytes where they were
+// read (the stretch is not read into again before the next hand-over), so
+// no byte is copied on the way. Where a stretch comes back short or failed
 // (the archive ends, or the device fails), the callback goes back to its
 // own reads from that point on, so an archive cut short or a failing device
 // ends the upload just as before, with the same message. The archive's file
@@ -40,9 +42,11 @@ class ReadAhead {
   bool Serves(const ArchiveReader* reader) const { return active_ && reader_ == reader; }
 
   // The next hand-over's bytes (its padding included) from what was read
-  // ahead: the count, or -1 when the callback must read for itself from
-  // here on (the read-ahead has then ended).
-  ssize_t Take(char* buffer);
+  // ahead: the count, with *bytes pointing at them where they were read;
+  // they stay as they are until the next Take or Stop. -1 when the
+  // callback must read for itself from here on (the read-ahead has then
+  // ended).
+  ssize_t Take(const char** bytes);
 
   // Ends the current entry's read-ahead once the reads in flight are back.
   void Stop();
@@ -58,6 +62,9 @@ class ReadAhead {
 
   // Maps the slots and starts the reader threads, once.
   bool StartThreads();
+  // Frees the slot whose bytes the last hand-over lent, if that one ended
+  // its stretch. Called with the lock held.
+  void ReturnLent();
   // The body of every reader thread.
   void Read();
 
@@ -73,6 +80,7 @@ class ReadAhead {
   int64_t total_ = 0;   // bytes the entry's reads cover (whole blocks)
   int64_t issued_ = 0;  // stretches handed to the readers
   int64_t taken_ = 0;   // bytes handed over
+  Slot* lent_ = nullptr;  // read out, still lent to the upload
 };
 
 // The one read-ahead of the process. Made once and never destroyed: its

@@ -134,9 +134,9 @@ ssize_t ReadArchiveFully(int descriptor, void* buffer, size_t length) {
   return static_cast<ssize_t>(got);
 }
 
-int ArchiveReadCallback(void* argument, char* buffer, int* count) {
+int ArchiveReadCallback(void* argument, char* buffer, int* count, const char** bytes) {
   auto* reader = static_cast<ArchiveReader*>(argument);
-  if (!reader || !buffer || !count) {
+  if (!reader || !buffer || !count || !bytes) {
     VFAIL("bad argument\n");
     return -1;
   }
@@ -156,8 +156,11 @@ int ArchiveReadCallback(void* argument, char* buffer, int* count) {
   ReadAhead& ahead = SharedReadAhead();
   if (ahead.Serves(reader) && room != ReadAhead::Step) ahead.Stop();
   ssize_t got = -1;
-  if (reader->calls == 0 ? ahead.Start(reader, room) : ahead.Serves(reader)) got = ahead.Take(buffer);
-  if (got < 0) got = ReadArchiveFully(reader->descriptor, buffer, static_cast<size_t>(length));
+  if (reader->calls == 0 ? ahead.Start(reader, room) : ahead.Serves(reader)) got = ahead.Take(bytes);
+  if (got < 0) {
+    *bytes = buffer;
+    got = ReadArchiveFully(reader->descriptor, buffer, static_cast<size_t>(length));
+  }
   if (got < 0) {
     VFAIL("read(%s,, %d): %s\n", ArchiveShownName, static_cast<int>(length), strerror(errno));
     return -1;

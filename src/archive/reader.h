@@ -35,10 +35,11 @@ int OpenArchive(const char* path);
 // that brings nothing within the grace is given up (errno ECANCELED).
 ssize_t ReadArchiveFully(int descriptor, void* buffer, size_t length);
 
-// The send-direction DataCallback of STOR. Reads whole 512-byte blocks (the
-// entry's padding comes with its last data, which keeps the archive on a
-// block boundary) and hands over at most `left` bytes.
-int ArchiveReadCallback(void* reader, char* buffer, int* count);
+// The SendCallback of STOR. Reads whole 512-byte blocks (the entry's
+// padding comes with its last data, which keeps the archive on a block
+// boundary) and hands over at most `left` bytes: in the buffer, or, from
+// the read-ahead, where they were read (*bytes then points there).
+int ArchiveReadCallback(void* reader, char* buffer, int* count, const char** bytes);
 
 // Ends the read-ahead of the current entry once its reads in flight are
 // back: whatever became of the upload, the archive can then move on.

@@ -24,7 +24,7 @@ struct Reply {
 // (STOR) is set.
 struct Transfer {
   DataCallback receive = nullptr;
-  DataCallback send = nullptr;
+  SendCallback send = nullptr;
   void* argument = nullptr;
 };
 

@@ -134,9 +134,8 @@ class Download {
 class Upload {
  public:
   explicit Upload(FtpConnection* data) : data_(data) {}
-  // Writes the first count bytes of the transfer buffer. false when they
-  // did not all go out.
-  bool SendAll(int count) {
+  // Writes count bytes from `bytes`. false when they did not all go out.
+  bool SendAll(const char* bytes, int count) {
     int sent = 0;
     bool given_up = false;
     while (sent < count) {
@@ -159,7 +158,7 @@ class Upload {
         VFAIL("Timeout limit reached (%d times).\n", timeouts_);
         break;
       }
-      ssize_t written = StreamSend(data_, data_->transfer_buffer + sent, static_cast<size_t>(count - sent));
+      ssize_t written = StreamSend(data_, bytes + sent, static_cast<size_t>(count - sent));
       if (written < 0 && errno == EAGAIN) continue;  // the encrypted stream must wait for the socket
       if (written < 0) {
         VFAIL("write(%s:%d): %s\n", data_->server_text, Port(data_->server), strerror(errno));
@@ -237,14 +236,15 @@ int ReceiveData(FtpConnection* control, DataCallback callback, void* argument) {
   return -1;
 }
 
-int SendData(FtpConnection* control, DataCallback callback, void* argument) {
+int SendData(FtpConnection* control, SendCallback callback, void* argument) {
   FtpConnection* data = OpenDataRecord(control);
   if (!data) return -1;
   if (Settings.verbosity >= 4) LogMessage("writing to %s:%d\n", data->server_text, Port(data->server));
   Upload upload(data);
   for (;;) {
     int count = TransferBufferSize;
-    if (callback(argument, data->transfer_buffer, &count) != 0) break;
+    const char* bytes = data->transfer_buffer;
+    if (callback(argument, data->transfer_buffer, &count, &bytes) != 0) break;
     if (count <= 0) {
       // Closing the data socket is the end of file for the server.
       FinishDataSocket(data);
@@ -252,7 +252,7 @@ int SendData(FtpConnection* control, DataCallback callback, void* argument) {
       return 0;
     }
     if (Settings.verbosity >= 5) VFAIL("callback gave us %d bytes\n", count);
-    if (!upload.SendAll(count)) break;
+    if (!upload.SendAll(bytes, count)) break;
   }
   CloseDataSocket(data);
   return -1;

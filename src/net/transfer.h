@@ -5,12 +5,18 @@
 
 struct FtpConnection;
 
-// Moves the bytes of one data transfer. Receive direction (LIST, RETR): the
-// count holds the bytes in the buffer, the callback consumes them. Send
-// direction (STOR): the count holds the buffer's capacity, the callback puts
-// up to that many bytes at its start and sets the count (0 or less: end of
-// data). Non-zero aborts the transfer.
+// Moves the bytes of one data transfer in the receive direction (LIST,
+// RETR): the count holds the bytes in the buffer, the callback consumes
+// them. Non-zero aborts the transfer.
 using DataCallback = int (*)(void* argument, char* buffer, int* count);
+
+// The send direction (STOR): the count holds the buffer's capacity, the
+// callback puts up to that many bytes at its start and sets the count (0 or
+// less: end of data). *bytes points at the buffer; a callback that already
+// holds the bytes in memory of its own may point it there instead, and
+// then owes them unchanged until its next call or the transfer's end,
+// which saves copying every byte once more. Non-zero aborts the transfer.
+using SendCallback = int (*)(void* argument, char* buffer, int* count, const char** bytes);
 
 // Maps the data record's transfer buffer on first use. 0, or -1 after a
 // message.
@@ -21,4 +27,4 @@ int EnsureTransferBuffer(FtpConnection* data);
 int ReceiveData(FtpConnection* control, DataCallback callback, void* argument);
 // Upload: writes what the callback gives until it gives no more, then
 // closes the data socket (the server's end of file). 0, or -1.
-int SendData(FtpConnection* control, DataCallback callback, void* argument);
+int SendData(FtpConnection* control, SendCallback callback, void* argument);

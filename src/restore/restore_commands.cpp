@@ -55,7 +55,7 @@ struct RestoreUpload {
 // The part every member shares, run inside its protected operation: the
 // transfer settings, an empty save file, and the upload. The point of no
 // return comes right before STOR, since the callback consumes the archive.
-int UploadSaveFile(FtpSession* session, bool name_format, RestoreTimes* times, DataCallback send,
+int UploadSaveFile(FtpSession* session, bool name_format, RestoreTimes* times, SendCallback send,
                    void* argument, RestoreUpload* upload) {
   if (EnsureTransferSettings(session, {'I', false, name_format}) != 0) return -1;
   // The save file survives in QTEMP for the life of the server job, so only
@@ -159,7 +159,7 @@ constexpr size_t RestoreLibraryPrefixLength = 10;
 // Restores of objects the save file names itself (documents, profiles,
 // configuration): upload, one command, and the entry name on success.
 int RestoreWholeSaveFile(FtpSession* session, const char* name, RestoreTimes* times,
-                         DataCallback send, void* argument, const char* command,
+                         SendCallback send, void* argument, const char* command,
                          const char* label) {
   if (!IsSession(session)) return -1;
   return RunProtected(session, [&]() -> int {
@@ -175,7 +175,7 @@ int RestoreWholeSaveFile(FtpSession* session, const char* name, RestoreTimes* ti
 }  // namespace
 
 int RestoreIfsObjects(FtpSession* session, const StringList* objects, RestoreTimes* times,
-                      DataCallback send, void* argument) {
+                      SendCallback send, void* argument) {
   if (!IsSession(session)) return -1;
   // Made outside the protected body, so that a run cut short by a broken
   // connection cannot lose it.
@@ -212,7 +212,7 @@ int RestoreIfsObjects(FtpSession* session, const StringList* objects, RestoreTim
 }
 
 int RestoreLibrary(FtpSession* session, const StringPair* pair, RestoreTimes* times,
-                   DataCallback send, void* argument) {
+                   SendCallback send, void* argument) {
   if (!IsSession(session)) return -1;
   char library[CommandBufferSize];
   if (!pair || !pair->first || !CutLibraryPath(pair->first, library, sizeof library) ||
@@ -250,7 +250,7 @@ int RestoreLibrary(FtpSession* session, const StringPair* pair, RestoreTimes* ti
 }
 
 int RestoreDocuments(FtpSession* session, const char* name, RestoreTimes* times,
-                     DataCallback send, void* argument) {
+                     SendCallback send, void* argument) {
   if (!IsSession(session)) return -1;
   return RunProtected(session, [&]() -> int {
     RestoreUpload upload{};
@@ -269,7 +269,7 @@ int RestoreDocuments(FtpSession* session, const char* name, RestoreTimes* times,
 }
 
 int RestoreUserProfiles(FtpSession* session, const char* name, RestoreTimes* times,
-                        DataCallback send, void* argument) {
+                        SendCallback send, void* argument) {
   // Only profiles missing on the server are created.
   return RestoreWholeSaveFile(
       session, name, times, send, argument,
@@ -277,7 +277,7 @@ int RestoreUserProfiles(FtpSession* session, const char* name, RestoreTimes* tim
 }
 
 int RestoreConfiguration(FtpSession* session, const char* name, RestoreTimes* times,
-                         DataCallback send, void* argument) {
+                         SendCallback send, void* argument) {
   return RestoreWholeSaveFile(session, name, times, send, argument,
                               "RCMD RSTCFG OBJ(*ALL) DEV(*SAVF) SAVF(QTEMP/SAVTEMP) ALWOBJDIF(*ALL)",
                               "RSTCFG");

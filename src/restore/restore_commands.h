@@ -31,19 +31,19 @@ struct RestoreTimes {
 // Below release V5R4M0 the parents of the target are made with MKD first;
 // from it on RST creates them (CRTPRNDIR). Gives the last pair's result.
 int RestoreIfsObjects(FtpSession* session, const StringList* objects, RestoreTimes* times,
-                      DataCallback send, void* argument);
+                      SendCallback send, void* argument);
 // RSTLIB of the pair's library, under the pair's second path when given.
 // A path that is not a library, or a destination that is not a library
 // name of at most ten characters, is refused before anything is sent.
 int RestoreLibrary(FtpSession* session, const StringPair* pair, RestoreTimes* times,
-                   DataCallback send, void* argument);
+                   SendCallback send, void* argument);
 // These three restore everything in the save file to its saved place.
 // RestoreDocuments gives Command's result (1 or -1) when RSTDLO fails.
 int RestoreDocuments(FtpSession* session, const char* name, RestoreTimes* times,
-                     DataCallback send, void* argument);
+                     SendCallback send, void* argument);
 int RestoreUserProfiles(FtpSession* session, const char* name, RestoreTimes* times,
-                        DataCallback send, void* argument);
+                        SendCallback send, void* argument);
 int RestoreConfiguration(FtpSession* session, const char* name, RestoreTimes* times,
-                         DataCallback send, void* argument);
+                         SendCallback send, void* argument);
 // RSTAUT USRPRF(*ALL): no upload; after a recovery it is simply sent again.
 int RestoreAuthority(FtpSession* session);

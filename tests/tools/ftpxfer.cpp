@@ -28,7 +28,7 @@ int WriteTo(void* argument, char* buffer, int* count) {
   return 0;
 }
 
-int ReadFrom(void* argument, char* buffer, int* count) {
+int ReadFrom(void* argument, char* buffer, int* count, const char**) {
   int fd = *static_cast<int*>(argument);
   ssize_t n = read(fd, buffer, static_cast<size_t>(*count));
   if (n < 0) return 1;

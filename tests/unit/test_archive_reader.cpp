@@ -51,11 +51,12 @@ TEST(ArchiveData, APipeIsReadAndSkippedInWholeBlocksGatheredFromPieces) {
   Pipe pipe(Padded(data) + Padded(skipped.substr(0, 700)) + Padded(skipped.substr(700)) + next, 300);
   ArchiveReader reader{pipe.reader(), 0, 600, 600};
   std::string buffer(TransferBufferSize, '\0');
+  const char* bytes = nullptr;
   int count = TransferBufferSize;
   StderrCapture err;
-  ASSERT_EQ(ArchiveReadCallback(&reader, buffer.data(), &count), 0);
+  ASSERT_EQ(ArchiveReadCallback(&reader, buffer.data(), &count, &bytes), 0);
   EXPECT_EQ(count, 600);
-  EXPECT_EQ(buffer.substr(0, 600), data);
+  EXPECT_EQ(std::string(bytes, 600), data);
   const struct {
     int64_t count;
     const char* what;
@@ -75,13 +76,14 @@ TEST(ArchiveData, ReadsNeverTakeMoreWholeBlocksThanTheBufferHolds) {
   EntryData entry(3000, 5);
   ArchiveReader& reader = entry.reader;
   std::string buffer(TransferBufferSize, '\0'), sent;
+  const char* bytes = nullptr;
   std::vector<int> counts;
   for (;;) {
     int count = 1300;  // room for two whole blocks
-    ASSERT_EQ(ArchiveReadCallback(&reader, buffer.data(), &count), 0);
+    ASSERT_EQ(ArchiveReadCallback(&reader, buffer.data(), &count, &bytes), 0);
     if (count == 0) break;  // end of data, which is no hand-over
     counts.push_back(count);
-    sent.append(buffer.data(), static_cast<size_t>(count));
+    sent.append(bytes, static_cast<size_t>(count));
   }
   EXPECT_EQ(counts, (std::vector<int>{1024, 1024, 952}));
   EXPECT_EQ(sent, entry.data);
@@ -96,15 +98,16 @@ TEST(ArchiveData, ReadsNeverTakeMoreWholeBlocksThanTheBufferHolds) {
 
 TEST(ArchiveData, FailuresAreReportedAndEndTheEntry) {
   std::string buffer(TransferBufferSize, '\0');
+  const char* bytes = nullptr;
   StderrCapture err;
   int count = TransferBufferSize;
-  EXPECT_EQ(ArchiveReadCallback(nullptr, buffer.data(), &count), -1);
+  EXPECT_EQ(ArchiveReadCallback(nullptr, buffer.data(), &count, &bytes), -1);
   ArchiveReader broken{-1, 0, 100, 100};
   count = 511;  // not even one whole block fits
-  EXPECT_EQ(ArchiveReadCallback(&broken, buffer.data(), &count), -1);
+  EXPECT_EQ(ArchiveReadCallback(&broken, buffer.data(), &count, &bytes), -1);
   EXPECT_TRUE(Reported(err.Text(), "restore", R"(bad argument\n[^\n]*\[restore\.cpp,\d+\]: bad argument\n$)"));
   count = TransferBufferSize;
-  EXPECT_EQ(ArchiveReadCallback(&broken, buffer.data(), &count), -1);
+  EXPECT_EQ(ArchiveReadCallback(&broken, buffer.data(), &count, &bytes), -1);
   EXPECT_TRUE(Reported(err.Text(), "restore", R"(read\(-,, 512\): Bad file descriptor\n)"));
   EXPECT_EQ(broken.left, 100);  // nothing counted as delivered
   EXPECT_EQ(broken.calls, 0);

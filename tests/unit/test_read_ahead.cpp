@@ -9,9 +9,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "archive/reader.h"
@@ -92,16 +94,27 @@ std::vector<HandOver> Expected(int64_t base, int64_t size, int64_t file_size) {
 }
 
 // Plays the upload through: callback after callback until the end of data
-// (or `stop_after` hand-overs), recording each and the bytes handed over.
-std::vector<HandOver> Upload(ArchiveReader* reader, int fd, std::string* sent, size_t stop_after = SIZE_MAX) {
+// (or `stop_after` hand-overs), recording each and the bytes handed over
+// (from wherever the callback points them). With a pause, every
+// `pause_every`-th hand-over is left alone for that long before its bytes
+// are taken, as a slow socket would leave it, while the readers go on.
+struct Pace {
+  size_t stop_after = SIZE_MAX;
+  int pause_every = 0;
+  int pause_ms = 0;
+};
+std::vector<HandOver> Upload(ArchiveReader* reader, int fd, std::string* sent, Pace pace = {}) {
   TransferBuffer buffer;
   std::vector<HandOver> out;
-  while (out.size() < stop_after) {
+  while (out.size() < pace.stop_after) {
     int count = TransferBufferSize;
-    EXPECT_EQ(ArchiveReadCallback(reader, buffer.data, &count), 0);
+    const char* bytes = buffer.data;
+    EXPECT_EQ(ArchiveReadCallback(reader, buffer.data, &count, &bytes), 0);
     if (count <= 0 && reader->left <= 0) break;
     out.push_back({count, reader->left, reader->calls, lseek(fd, 0, SEEK_CUR)});
-    sent->append(buffer.data, static_cast<size_t>(count));
+    if (pace.pause_every > 0 && reader->calls % pace.pause_every == 0)
+      std::this_thread::sleep_for(std::chrono::milliseconds(pace.pause_ms));
+    sent->append(bytes, static_cast<size_t>(count));
     if (count == 0) break;
   }
   return out;
@@ -127,6 +140,37 @@ TEST(ReadAhead, ACutArchiveEndsTheDataWhereTheFileEnds) {
   ExpectSame(Upload(&reader, archive.fd, &sent),
              Expected(512, size, 512 + static_cast<int64_t>(data.size())));
   EXPECT_EQ(sent, data);
+}
+
+// The upload sends straight from the stretches read ahead, so a stretch
+// must not be read into again while its last hand-over is still being
+// sent. The pauses come at the end of a stretch (every sixteenth
+// hand-over) and at places within one, long enough for the readers to
+// refill every free slot meanwhile; the bytes taken after the pause must
+// still be the entry's.
+TEST(ReadAhead, BytesHandedOverStayUntilTheNextHandOver) {
+  const int64_t stretch = 16 * Step;
+  const struct {
+    int64_t size;
+    int pause_every;
+  } cases[] = {
+      {20 * stretch, 16},          // every stretch's end, more stretches than slots
+      {20 * stretch + 700, 16},    // and a last stretch that ends in padding
+      {11 * stretch, 5},           // hand-overs within stretches
+      {3 * stretch + Step / 2, 1}, // every hand-over
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.size) + " bytes, a pause every " + std::to_string(c.pause_every));
+    const std::string data = Bytes(static_cast<size_t>(c.size), 11);
+    DiskArchive archive(Bytes(512, 12) + data + std::string(static_cast<size_t>(Whole(c.size) - c.size), '\0'));
+    ASSERT_EQ(lseek(archive.fd, 512, SEEK_SET), 512);
+    ArchiveReader reader{archive.fd, 0, c.size, c.size};
+    std::string sent;
+    ExpectSame(Upload(&reader, archive.fd, &sent, {.pause_every = c.pause_every, .pause_ms = 4}),
+               Expected(512, c.size, 512 + Whole(c.size)));
+    StopReadingAhead();
+    EXPECT_TRUE(sent == data) << "the bytes sent differ from the entry's";
+  }
 }
 
 // Entries of many sizes one after the other, as the restore driver walks
@@ -156,7 +200,7 @@ TEST(ReadAhead, EntryAfterEntryOfEverySize) {
     ArchiveReader reader{archive.fd, 0, sizes[i], sizes[i]};
     std::string sent;
     if (i % 5 == 4) {
-      Upload(&reader, archive.fd, &sent, 3);
+      Upload(&reader, archive.fd, &sent, {.stop_after = 3});
       EXPECT_EQ(sent, datas[i].substr(0, 3 * Step));
       EXPECT_EQ(archive.position(), offset + std::min(Whole(sizes[i]), 3 * Step));
       ASSERT_EQ(SkipArchiveData(archive.fd, reader.left), 0);

@@ -439,9 +439,23 @@ struct Upload {
   int calls = 0;
 };
 
-int Supply(void* argument, char* buffer, int* count) {
+int Supply(void* argument, char* buffer, int* count, const char**) {
   auto* up = static_cast<Upload*>(argument);
   *count = static_cast<int>(up->data.copy(buffer, static_cast<size_t>(*count), up->at));
+  up->at += static_cast<size_t>(*count);
+  up->calls++;
+  return 0;
+}
+
+// Lends the upload its own bytes, in pieces of changing sizes, and spoils
+// the transfer buffer meanwhile: what is sent must come from where the
+// count's bytes were lent, not from the buffer.
+int Lend(void* argument, char* buffer, int* count, const char** bytes) {
+  auto* up = static_cast<Upload*>(argument);
+  memset(buffer, '#', static_cast<size_t>(*count));
+  const size_t piece = std::min<size_t>(static_cast<size_t>(*count), 1000 + 7919 * static_cast<size_t>(up->calls) % 65536);
+  *count = static_cast<int>(std::min(piece, up->data.size() - up->at));
+  *bytes = up->data.data() + up->at;
   up->at += static_cast<size_t>(*count);
   up->calls++;
   return 0;
@@ -500,24 +514,28 @@ TEST_F(TransportTest, TransfersMoveEveryByteBothWaysEachWithItsOwnPassiveExchang
   EXPECT_EQ(Retr("RETR /x", &got, &reply), 1);
   EXPECT_STREQ(reply.quoted, "550 CPF9812 File SAV1 in library QTEMP not found.");
   EXPECT_EQ(got, "");
-  Upload up, empty;
+  Upload up, empty, lent;
   for (int i = 0; i < 200000; i++) up.data.push_back(static_cast<char>(i % 253));
-  Transfer store_up, store_empty;
+  for (int i = 0; i < 700000; i++) lent.data.push_back(static_cast<char>(i % 241));
+  Transfer store_up, store_empty, store_lent;
   store_up.send = store_empty.send = Supply;
+  store_lent.send = Lend;
   store_up.argument = &up;
   store_empty.argument = &empty;
+  store_lent.argument = &lent;
   EXPECT_EQ(DataCommand(session, "STOR /f", store_up), 0);
   EXPECT_EQ(DataCommand(session, "STOR /g", store_empty), 0);
+  EXPECT_EQ(DataCommand(session, "STOR /h", store_lent), 0);
   EXPECT_EQ(empty.calls, 1);  // an empty supply makes an empty file
   EXPECT_EQ(server.Commands(), (std::vector<std::string>{"PASV", "PASV", "RETR /f", "PASV", "RETR /x", "PASV",
-                                                         "STOR /f", "PASV", "STOR /g"}));
+                                                         "STOR /f", "PASV", "STOR /g", "PASV", "STOR /h"}));
   std::lock_guard<std::mutex> g(lock);
-  EXPECT_EQ(stored, (std::vector<std::string>{up.data, ""}));
+  EXPECT_EQ(stored, (std::vector<std::string>{up.data, "", lent.data}));
 }
 
 // Supplies zero bytes without end, for an upload into a server that stops
 // taking them.
-int SupplyForever(void*, char* buffer, int* count) {
+int SupplyForever(void*, char* buffer, int* count, const char**) {
   memset(buffer, 0, static_cast<size_t>(*count));
   return 0;
 }
