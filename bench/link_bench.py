@@ -28,17 +28,13 @@ import time
 from pathlib import Path
 
 REPO = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(REPO / "tests" / "e2e"))
+sys.path.insert(0, str(REPO / "bench"))
 
+from common import PASSWORD, USER, log, vondral_bin  # noqa: E402
 import simlib  # noqa: E402
 from simlib import File  # noqa: E402
 
-USER, PASSWORD = "qsecofr", "secret"
 ADDR = "127.0.0.44"
-
-
-def log(text):
-    print(text, file=sys.stderr, flush=True)
 
 
 def realistic_tree(files, large_count, large_bytes):
@@ -146,7 +142,7 @@ def main():
     args = parser.parse_args()
     if not os.environ.get("VONDRAL_NETNS") and not simlib.in_netns():
         raise SystemExit("run inside tools/netns.sh")
-    vondral = Path(os.environ.get("VONDRAL_BIN", REPO / "build" / "vondral"))
+    vondral = vondral_bin()
     work = Path(tempfile.mkdtemp(prefix="vondral-link-", dir=os.environ.get("BENCH_DIR", "/var/tmp")))
     shm = Path(tempfile.mkdtemp(prefix="vondral-link-sim-", dir="/dev/shm"))
     sim = None
