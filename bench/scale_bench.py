@@ -10,15 +10,16 @@ tree is then moved aside on the server, `vondral -r` restores the archive
 into its place, and the restored tree must hold the same files with the
 same bytes.
 
-For each run: wall time, the client's CPU (user + sys) and its peak
-resident set (both from wait4), and the server's CPU. The section it
-prints (and run_bench.py puts into bench/results.md) compares 10x the
-objects: the time may grow at most 12x, and the memory the client needs
-per object beyond the object tree of the listing is reported next to the
-tree's own bytes per object.
+For each run: wall time, the client's CPU (user + sys, from wait4), its
+peak resident set (from GNU time, see common.Run) and the server's CPU. The
+section it prints (and run_bench.py puts into bench/results.md) compares
+10x the objects: the time may grow at most 12x, and the peak's growth per
+object added may pass the listing tree's own bytes per object by 16 bytes
+at most for a backup, which keeps the tree, and be 16 bytes at most for a
+restore, which keeps none.
 
     tools/netns.sh env VONDRAL_BIN=... /usr/bin/python3 bench/scale_bench.py
-        [--counts 1000,10000,100000] [--tree-bytes 144.5] [--out FILE]
+        [--counts 10000,100000] [--tree-bytes 144.5] [--out FILE]
 """
 
 import argparse
