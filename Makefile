@@ -13,8 +13,10 @@
 #             pages, bash completion, the vondral-backup@.timer units and
 #             their script, the documentation (packaging/package.cmake)
 # make bench  vondral against curl (in clear, over FTPS and over a link with
-#             round trips) and this machine's limits: prints the table
-#             and writes it to bench/results.md (BENCH_GIB=2 BENCH_REPS=7)
+#             round trips), this machine's limits, and a backup and restore
+#             of 10 000 and 100 000 small objects: prints the table and
+#             writes it to bench/results.md (BENCH_GIB=2 BENCH_REPS=7
+#             BENCH_SCALE=10000,100000; empty: no scale run)
 BUILD := build
 JOBS  ?= 2
 PREFIX ?= /usr/local

@@ -31,18 +31,14 @@ import time
 from pathlib import Path
 
 REPO = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(REPO / "tests" / "e2e"))
+sys.path.insert(0, str(REPO / "bench"))
 
+from common import PASSWORD, USER, log, vondral_bin  # noqa: E402
 import simlib  # noqa: E402
 from simlib import File  # noqa: E402
 
-USER, PASSWORD = "qsecofr", "secret"
 ADDR = "127.0.0.44"
 GIB = 1 << 30
-
-
-def log(text):
-    print(text, file=sys.stderr, flush=True)
 
 
 def realistic_tree(files, large_count, large_bytes):
@@ -334,7 +330,7 @@ def main():
     args = parser.parse_args()
     if not simlib.in_netns():
         raise SystemExit("run inside tools/netns.sh")
-    vondral = Path(os.environ.get("VONDRAL_BIN", REPO / "build" / "vondral"))
+    vondral = vondral_bin()
     result = measure(vondral, args.rtt_ms, args.rate, args.files, args.large, args.large_mib, args.reps,
                      tuple(int(n) for n in args.sessions.split(",")), args.one_large_mib)
     lines, checks = link_section(result)

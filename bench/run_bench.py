@@ -18,7 +18,6 @@ import os
 import platform
 import re
 import shutil
-import statistics
 import subprocess
 import sys
 import tempfile
@@ -26,69 +25,20 @@ import time
 from pathlib import Path
 
 REPO = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(REPO / "tests" / "e2e"))
+sys.path.insert(0, str(REPO / "bench"))
 
+from common import (PASSWORD, USER, Run, fmt, log, median,  # noqa: E402
+                    vondral_bin, verdict)
 import certs  # noqa: E402
+import scale_bench  # noqa: E402
+import link_bench  # noqa: E402
 import simlib  # noqa: E402
 
-sys.path.insert(0, str(REPO / "bench"))
-import link_bench  # noqa: E402
-
 GIB = 1 << 30
-USER, PASSWORD = "qsecofr", "secret"
 CURL_FORMAT = "%{time_pretransfer} %{time_total} %{size_download} " \
               "%{size_upload}\\n"
-TICK = os.sysconf("SC_CLK_TCK")
 WALKS = (("10 k", "/walk10k", 10000), ("100 k", "/walk100k", 100000),
          ("1 M", "/walk1m", 1000000))
-
-
-def log(text):
-    print(text, file=sys.stderr, flush=True)
-
-
-def median(values):
-    values = [v for v in values if v is not None]
-    return statistics.median(values) if values else None
-
-
-# --- running a client and taking its figures
-
-
-class Run:
-    """One client process: wall seconds, CPU seconds (user + sys of the
-    child, from wait4), its output, and the server's CPU meanwhile."""
-
-    def __init__(self, cmd, server_pid, out_dir):
-        self.cmd = [str(c) for c in cmd]
-        out = tempfile.NamedTemporaryFile(dir=out_dir, delete=False)
-        cpu0 = process_cpu(server_pid)
-        t0 = time.monotonic()
-        proc = subprocess.Popen(self.cmd, stdout=out, stderr=subprocess.STDOUT,
-                                stdin=subprocess.DEVNULL)
-        _, status, usage = os.wait4(proc.pid, 0)
-        self.wall = time.monotonic() - t0
-        self.server_cpu = process_cpu(server_pid) - cpu0
-        proc.returncode = os.waitstatus_to_exitcode(status)
-        self.status = proc.returncode
-        self.cpu = usage.ru_utime + usage.ru_stime
-        out.close()
-        self.output = Path(out.name).read_text(errors="replace")
-        os.unlink(out.name)
-
-    def check(self, what):
-        if self.status != 0:
-            raise SystemExit("%s failed (status %d):\n%s\n%s"
-                             % (what, self.status, " ".join(self.cmd),
-                                self.output[-3000:]))
-        return self
-
-
-def process_cpu(pid):
-    """User + system CPU seconds of a process and its threads so far."""
-    with open("/proc/%d/stat" % pid) as f:
-        fields = f.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / TICK
 
 
 def own_line(output, pattern, name=None):
@@ -115,8 +65,7 @@ def own_line(output, pattern, name=None):
 class Bench:
     def __init__(self, args):
         self.args = args
-        self.vondral = Path(os.environ.get("VONDRAL_BIN",
-                                           REPO / "build" / "vondral"))
+        self.vondral = vondral_bin()
         self.tools = REPO / "build" / "bench"
         base = args.dir or os.environ.get("BENCH_DIR") or "/var/tmp"
         self.work = Path(tempfile.mkdtemp(prefix="vondral-bench-", dir=base))
@@ -364,10 +313,6 @@ class Bench:
 # --- the table
 
 
-def fmt(v, digits=3):
-    return "-" if v is None else ("%.*f" % (digits, v))
-
-
 def side(runs, size):
     gb = size / 1e9
     return {
@@ -380,10 +325,6 @@ def side(runs, size):
         "cpu_s": median([r.cpu for r in runs]),
         "wall_s": median([r.wall for r in runs]),
     }
-
-
-def verdict(ok):
-    return "**met**" if ok else "**missed**"
 
 
 def comparison(title, v, c, size, reps, target_rate):
@@ -438,6 +379,10 @@ def main():
         os.environ.get("BENCH_REPS", 7)), help="runs of the main comparison")
     ap.add_argument("--dir", help="scratch directory on the archive's file "
                     "system (default $BENCH_DIR or /var/tmp)")
+    ap.add_argument("--scale", default=os.environ.get(
+        "BENCH_SCALE", ",".join(map(str, scale_bench.COUNTS))),
+        help="object counts of the scale bench (bench/scale_bench.py), "
+        "smallest first; empty: none")
     ap.add_argument("--out", default=str(REPO / "bench" / "results.md"))
     args = ap.parse_args()
     if not simlib.in_netns():
@@ -495,6 +440,13 @@ def main():
             if sim:
                 sim.stop()
         b.cleanup()
+    scale = ([], [])
+    if args.scale:
+        log("backup and restore of many small objects ...")
+        scale = scale_bench.measure(
+            sorted(int(c) for c in args.scale.split(",")),
+            args.dir or os.environ.get("BENCH_DIR") or "/var/tmp",
+            tree["bytes_per_object"])
     load1 = os.getloadavg()
     elapsed = time.monotonic() - started
 
@@ -681,6 +633,8 @@ def main():
     lines, chk = link_bench.link_section(link)
     out += lines
     checks += chk
+    out += scale[0]
+    checks += scale[1]
 
     out += ["### Targets", "", "| target | result | |", "|---|---:|---|"]
     for name, ok, value in checks:

@@ -18,14 +18,46 @@ uint64_t ObjectsFound = 0;
 
 namespace {
 
-// The files directly in dir, each a unit of its own kind.
+ObjectKind KindOfFile(const ObjectFile* file, char* path, size_t length) {
+  AppendBounded(path, PathBufferSize, file->name ? file->name : "");
+  ObjectKind kind = ClassifyPath(path);
+  path[length] = '\0';
+  return kind;
+}
+
+// One record for all the files of dir, which share kind: count files of
+// total bytes. false when memory is exhausted.
+bool AddFileRun(ObjectNode* root, ObjectNode* dir, const char* path, uint64_t count, uint64_t bytes) {
+  ObjectFile* run = AppendFile(root, path, dir->mode, bytes, dir->mtime);
+  if (!run) return false;
+  run->parent = dir;
+  run->borrowed = 1;
+  run->run = 1;
+  root->count += count - 1;  // AppendFile counted one
+  return true;
+}
+
+// The files directly in dir, each a unit of its own kind: one run record
+// when they share a kind (as all files below the include tree's top do),
+// else a copy of each.
 void PlaceFiles(ObjectNode** kinds, ObjectNode* dir, char* path) {
+  if (!dir->first_file) return;
   const size_t length = strlen(path);
+  const ObjectKind first = KindOfFile(dir->first_file, path, length);
+  uint64_t count = 0;
+  uint64_t bytes = 0;
+  bool shared = true;
+  for (ObjectFile* file = dir->first_file; file && shared; file = file->next) {
+    shared = KindOfFile(file, path, length) == first;
+    count++;
+    bytes += file->size;
+  }
+  if (shared && AddFileRun(kinds[first], dir, path, count, bytes)) {
+    ObjectsFound += count;
+    return;
+  }
   for (ObjectFile* file = dir->first_file; file; file = file->next) {
-    AppendBounded(path, PathBufferSize, file->name ? file->name : "");
-    ObjectKind kind = ClassifyPath(path);
-    path[length] = '\0';
-    AdoptFile(kinds[kind], file);
+    AdoptFile(kinds[KindOfFile(file, path, length)], file);
     ObjectsFound++;
   }
 }
@@ -67,6 +99,31 @@ void PlaceObject(ObjectNode** kinds, ObjectNode* dir, char* path) {
     PlaceObject(kinds, child, path);
     path[length] = '\0';
   }
+}
+
+FileUnitCursor FirstFileUnit(const ObjectNode* kind_tree) {
+  FileUnitCursor cursor;
+  cursor.record = kind_tree ? kind_tree->first_file : nullptr;
+  return cursor;
+}
+
+const ObjectFile* NextFileUnit(FileUnitCursor* cursor, char* path, size_t capacity) {
+  while (cursor->record) {
+    const ObjectFile* record = cursor->record;
+    if (!record->run) {
+      cursor->record = record->next;
+      FilePath(record, false, path, capacity);
+      return record;
+    }
+    const ObjectFile* file = cursor->file ? cursor->file : record->parent->first_file;
+    cursor->file = file ? file->next : nullptr;
+    if (!cursor->file) cursor->record = record->next;
+    if (!file) continue;
+    // As a copy of it would be named: its path in the include tree.
+    FilePath(file, false, path, capacity);
+    return file;
+  }
+  return nullptr;
 }
 
 ObjectNode** BuildBackupList(ObjectNode* include_tree) {

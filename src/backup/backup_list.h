@@ -23,8 +23,24 @@ ObjectKind ClassifyPath(const char* path);
 extern uint64_t ObjectsFound;
 
 // Sorts the include tree into one tree per ObjectKind (ObjectKindCount
-// roots), deciding which directories are saved whole.
+// roots), deciding which directories are saved whole. A kind tree's
+// directories are borrowed copies named with their full paths, each a
+// unit. Its file records are copies of single files, library entries, and
+// run records: a directory split into its files gets one record (run set,
+// parent the directory in the include tree, named with its path) rather
+// than a copy of each file, so the list grows with directories, not files.
+// FileUnitCursor walks the file units in the order they were placed.
 ObjectNode** BuildBackupList(ObjectNode* include_tree);
+// The file units of a kind tree, in the order they were placed.
+struct FileUnitCursor {
+  const ObjectFile* record = nullptr;  // the kind tree's record in hand
+  const ObjectFile* file = nullptr;    // in a run record: its next file
+};
+FileUnitCursor FirstFileUnit(const ObjectNode* kind_tree);
+// The unit in hand, whose mode, size and time describe it, with its full
+// path in path (cut to capacity); the cursor moves on. nullptr once every
+// unit was handed out.
+const ObjectFile* NextFileUnit(FileUnitCursor* cursor, char* path, size_t capacity);
 // Frees what BuildBackupList made: the roots and every adopted copy in
 // them, leaving the include tree (which owns the copies' children) alone.
 void FreeBackupList(ObjectNode** kinds);

@@ -40,6 +40,10 @@ struct ObjectFile {
   uint64_t size;
   struct tm mtime;
   uint8_t borrowed;
+  // In a backup list only: the record stands for every file of parent, a
+  // directory of the include tree, each a unit of its own (see
+  // backup_list.h).
+  uint8_t run;
   ObjectFile* next;  // next file of the same directory
 };
 

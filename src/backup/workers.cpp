@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -19,6 +20,7 @@
 #include "archive/archive_file.h"
 #include "backup/backup_list.h"
 #include "backup/catalog.h"
+#include "backup/listing_walk.h"
 #include "backup/save_commands.h"
 #include "ftp/session.h"
 #include "support/log.h"
@@ -105,14 +107,19 @@ void SaveDirectoryUnit(FtpSession* session, const ObjectNode* dir, int number, A
   ProgressDone(totals->attempted - attempted);
 }
 
-void SaveFileUnit(FtpSession* session, ObjectFile* file, int number, ArchiveWriter* writer,
-                  BackupTotals* totals) {
+// A file unit, saved under its full path from a record made for the
+// save alone, as a directory unit is: the backup list keeps no record per
+// file.
+void SaveFileUnit(FtpSession* session, const ObjectFile* file, const char* path, int number,
+                  ArchiveWriter* writer, BackupTotals* totals) {
   totals->attempted++;
-  if (ProcessObject(session, file, number, writer, totals) == 0) {
-    if (Settings.catalog) PrintFilePath(Settings.catalog, file);
+  ObjectFile* unit = NewFileNode(nullptr, path, file->mode, file->size, file->mtime);
+  if (unit && ProcessObject(session, unit, number, writer, totals) == 0) {
+    if (Settings.catalog) PrintFilePath(Settings.catalog, unit);
   } else {
     totals->failed++;
   }
+  if (unit) FreeFileList(unit);
   totals->bytes += SavedBytes(writer);
   ProgressDone(1);
 }
@@ -268,27 +275,46 @@ std::unique_ptr<ArchiveWriter> NewWriter() {
 // The units of one kind tree, its directories saved whole first and then
 // its files, handed out one at a time to the sessions that save the kind.
 struct UnitQueue {
-  std::vector<ObjectNode*> dirs;
-  std::vector<ObjectFile*> files;
-  std::atomic<size_t> next{0};
+  std::mutex lock;
+  const ObjectNode* next_dir = nullptr;
+  FileUnitCursor files;
 };
 
 // Saves units taken from the queue until none is left; a termination
 // request ends the saving before the next unit.
 void SaveQueuedUnits(FtpSession* session, UnitQueue* queue, int number, ArchiveWriter* writer,
                      BackupTotals* totals) {
+  char path[PathBufferSize];
   while (!TerminationRequested.load()) {
-    const size_t i = queue->next.fetch_add(1);
-    if (i < queue->dirs.size()) {
-      SaveDirectoryUnit(session, queue->dirs[i], number, writer, totals);
-    } else if (i - queue->dirs.size() < queue->files.size()) {
-      SaveFileUnit(session, queue->files[i - queue->dirs.size()], number, writer, totals);
-    } else {
-      return;
+    const ObjectNode* dir = nullptr;
+    const ObjectFile* file = nullptr;
+    {
+      std::lock_guard<std::mutex> hold(queue->lock);
+      dir = queue->next_dir;
+      if (dir)
+        queue->next_dir = dir->next;
+      else
+        file = NextFileUnit(&queue->files, path, sizeof path);
     }
+    if (dir)
+      SaveDirectoryUnit(session, dir, number, writer, totals);
+    else if (file)
+      SaveFileUnit(session, file, path, number, writer, totals);
+    else
+      return;
   }
 }
 
+
+// The units of tree, counted up to limit (more are not needed).
+size_t CountUnits(const ObjectNode* tree, size_t limit) {
+  size_t units = 0;
+  for (const ObjectNode* dir = tree->first_dir; dir && units < limit; dir = dir->next) units++;
+  char path[PathBufferSize];
+  for (FileUnitCursor files = FirstFileUnit(tree); units < limit && NextFileUnit(&files, path, sizeof path);)
+    units++;
+  return units;
+}
 
 // One more session saving units of a kind beside its worker (--sessions).
 struct ExtraSession {
@@ -332,11 +358,10 @@ int SaveKindTree(FtpSession* session, ObjectNode* tree, int number, BackupTotals
   totals->attempted = 0;
   totals->failed = 0;
   UnitQueue queue;
-  for (ObjectNode* dir = tree->first_dir; dir; dir = dir->next) queue.dirs.push_back(dir);
-  for (ObjectFile* file = tree->first_file; file; file = file->next) queue.files.push_back(file);
+  queue.next_dir = tree->first_dir;
+  queue.files = FirstFileUnit(tree);
   // More sessions than units would log in for nothing.
-  const size_t units = queue.dirs.size() + queue.files.size();
-  const size_t wanted = std::min(static_cast<size_t>(Settings.sessions), units);
+  const size_t wanted = std::min(static_cast<size_t>(Settings.sessions), CountUnits(tree, static_cast<size_t>(Settings.sessions)));
   std::vector<ExtraSession> extras(wanted > 1 ? wanted - 1 : 0, ExtraSession{&queue});
   for (ExtraSession& extra : extras) {
     const int error = pthread_create(&extra.thread, nullptr, RunExtraSession, &extra);

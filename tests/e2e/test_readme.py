@@ -132,7 +132,7 @@ MAKE_TARGETS = {
     "demo": "the ctest test demo runs tools/demo.py, which it runs",
     "try": "tests/make feeds it a script",
     "test": "it is the run this test is part of",
-    "bench": "five minutes and 5 GiB of disk; run by hand (bench/results.md)",
+    "bench": "twenty minutes and 5 GiB of disk; run by hand (bench/results.md)",
     "deb": "tests/package runs it once per run and checks and installs the package",
 }
 
