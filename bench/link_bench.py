@@ -20,12 +20,15 @@ transfers), and one large object's transfer rate against the link's.
 """
 
 import argparse
+import hashlib
+import io
 import os
 import re
 import shutil
 import statistics
 import subprocess
 import sys
+import tarfile
 import tempfile
 import time
 from pathlib import Path
@@ -35,6 +38,7 @@ sys.path.insert(0, str(REPO / "bench"))
 
 from common import PASSWORD, USER, log, vondral_bin  # noqa: E402
 import simlib  # noqa: E402
+from ctarread import read_archive  # noqa: E402
 from simlib import File  # noqa: E402
 
 ADDR = "127.0.0.44"
@@ -192,6 +196,68 @@ def large_object_rate(vondral, work, shm, rtt_ms, mib):
     return (mib << 20) / own_totals(out)["Xfer"]
 
 
+def entry_contents(archive):
+    """Each entry of an archive as (name, size, digest of the files the
+    simulator's save image holds): what a restore would bring back, left
+    apart from the image's own times."""
+    out = []
+    for entry in read_archive(archive):
+        digest = hashlib.sha256()
+        try:
+            with tarfile.open(fileobj=io.BytesIO(entry.data)) as image:
+                for member in sorted(image.getmembers(), key=lambda m: m.name):
+                    if member.isfile() and member.name != "manifest.json":
+                        digest.update(member.name.encode() + b"\0" + image.extractfile(member).read())
+        except tarfile.TarError:
+            digest.update(entry.data)  # a placeholder image: its bytes
+        out.append((entry.name, entry.size, digest.hexdigest()))
+    return sorted(out)
+
+
+def drop_packets(probability):
+    """Drops that share of the packets loopback delivers (iptables'
+    statistic match); 0 takes the rule away. False when refused."""
+    if probability == 0:
+        return subprocess.run(["iptables", "-F", "INPUT"], capture_output=True).returncode == 0
+    rule = ["iptables", "-A", "INPUT", "-i", "lo", "-m", "statistic", "--mode", "random",
+            "--probability", str(probability), "-j", "DROP"]
+    try:
+        done = subprocess.run(rule, capture_output=True, text=True)
+    except OSError as error:
+        log("iptables: %s: no loss measured" % error)
+        return False
+    if done.returncode != 0:
+        log("iptables refused (%s): no loss measured" % done.stderr.strip())
+    return done.returncode == 0
+
+
+def under_loss(vondral, work, include, losses):
+    """Backs the home directories up without loss and then under each
+    share of lost packets; returns {loss: (seconds, same entries)}, or {}
+    when packets cannot be dropped here."""
+    def keep(name, extra):
+        archive = work / name
+        t0 = time.monotonic()
+        r = subprocess.run([str(vondral), "-s", ADDR, "-c", "%s:here:%s" % (USER, PASSWORD), "-b", archive,
+                            "-i", include, *extra], capture_output=True, text=True)
+        took = time.monotonic() - t0
+        contents = entry_contents(archive) if r.returncode == 0 else None
+        if archive.exists():
+            archive.unlink()
+        return took, contents
+    _, clean = keep("clean.ctar", [])
+    found = {}
+    for loss in losses:
+        if not drop_packets(loss):
+            return {}
+        try:
+            took, contents = keep("lossy.ctar", ["--sessions", "8"])
+        finally:
+            drop_packets(0)
+        found[loss] = (took, contents is not None and contents == clean)
+    return found
+
+
 def measure(vondral, rtt_ms=20, rate="1gbit", files=127, large=3, large_mib=320, reps=3, sessions=(1, 8),
             one_large_mib=512):
     """Runs every side over the link; returns the figures."""
@@ -240,6 +306,10 @@ def measure(vondral, rtt_ms=20, rate="1gbit", files=127, large=3, large_mib=320,
             log("link round %d/%d: %s, curl %.1f s" % (
                 rep + 1, reps, ", ".join("%d session(s) %.1f s" % (n, runs[n][-1]) for n in sessions),
                 curl_runs[-1]))
+        log("the home directories under packet loss ...")
+        homes = work / "homes.inc"
+        homes.write_text("".join("/home/%s/*\n" % u for u in users))
+        losses = under_loss(vondral, work, homes, (0.01, 0.05))
         sim.stop()
         sim = None
         log("one large object over the link ...")
@@ -258,7 +328,8 @@ def measure(vondral, rtt_ms=20, rate="1gbit", files=127, large=3, large_mib=320,
             "own": {n: {k: statistics.median([t[k] for t in totals[n]]) for k in ("Save", "Wait", "Xfer")}
                     for n in sessions},
             "curl": statistics.median(curl_runs), "figures": figures,
-            "one_large_mib": one_large_mib, "large_rate": large_rate, "link_rate": rate_bytes(rate)}
+            "one_large_mib": one_large_mib, "large_rate": large_rate, "link_rate": rate_bytes(rate),
+            "losses": losses}
 
 
 # What the backup of the measured 136-entry tree took at 20 ms before this
@@ -282,8 +353,8 @@ def link_section(result):
         "sending the same save commands and fetching the save file." % (
             r["objects"], r["tree_bytes"] / GIB, r["files"], r["large"], r["large_mib"]),
         "",
-        "| side | wall s | commands per object | round trips per object | saves s | waiting for the "
-        "archive s | transfers s |",
+        "| side | wall s | commands per object | round trips per object | saves s | from save to first data (PASV, RETR, the archive) s "
+        "| transfers s |",
         "|---|---:|---:|---:|---:|---:|---:|",
     ]
     for n in sorted(r["vondral"]):
@@ -296,13 +367,24 @@ def link_section(result):
     lines.append("| curl per object | %.1f | %.1f | %.1f | | | |" % (r["curl"], cmds, trips))
     lines += [
         "",
-        "Saves, waits and transfers are vondral's own totals summed over its sessions (with more "
-        "sessions they overlap, so they add up to more than the wall time). One large object of %d "
+        "Saves, waits and transfers are vondral's own totals (\"Save\", \"Wait\", \"Xfer\") summed "
+        "over its sessions; a wait ends when the archive is taken, at the retrieval's first data. With "
+        "more sessions they overlap, so they add up to more than the wall time. One large object of %d "
         "MiB alone over the link moved at %.1f MB/s by vondral's own transfer line, %.1f %% of the "
         "link's %.1f MB/s." % (r["one_large_mib"], r["large_rate"] / 1e6,
                                 100 * r["large_rate"] / r["link_rate"], r["link_rate"] / 1e6),
         "",
     ]
+    if r["losses"]:
+        lines += ["Under packet loss (iptables dropping that share of what loopback delivers, both ways), "
+                  "the %d IFS files in their home directories with `--sessions 8`, compared entry by entry "
+                  "(name, size and every file of the save image) with a backup without loss:" % r["files"], "",
+                  "| packets lost | wall s | entries the same |", "|---:|---:|---|"]
+        lines += ["| %g %% | %.1f | %s |" % (100 * loss, took, "yes" if same else "**no**")
+                  for loss, (took, same) in sorted(r["losses"].items())]
+        lines += ["", "Reordering and duplication are not made here: the kernel has no netem.", ""]
+    else:
+        lines += ["Packet loss was not measured: iptables could not drop packets here.", ""]
     one = r["vondral"][1]
     checks = [
         ("over the link: vondral >= 2x faster than one curl per object", r["curl"] / one >= 2,
@@ -311,6 +393,10 @@ def link_section(result):
             r["objects"], r["rtt_ms"], BEFORE_S / 4, BEFORE_S), r["vondral"][best] < BEFORE_S / 4,
          "%.1f s%s (one session %.1f s)" % (r["vondral"][best], "" if best == 1 else " with --sessions %d" % best,
                                             one)),
+        ("over the link: nothing lost under 1 % and 5 % packet loss",
+         bool(r["losses"]) and all(same for _, same in r["losses"].values()),
+         ", ".join("%g %%: %s" % (100 * loss, "same" if same else "differs")
+                   for loss, (_, same) in sorted(r["losses"].items())) or "not measured"),
         ("over the link: one large object within 10 % of the link's rate",
          r["large_rate"] >= 0.9 * r["link_rate"], "%.1f %%" % (100 * r["large_rate"] / r["link_rate"])),
     ]
