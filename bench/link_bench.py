@@ -85,16 +85,26 @@ def cap_link(rate):
     return done.returncode == 0
 
 
-def vondral_backup(vondral, work, include, extra):
-    """One backup: its wall time and standard output."""
+def run_backup(vondral, work, include, extra, contents=False):
+    """One backup: its wall time, the finished process, and with contents
+    the archive's entries as entry_contents gives them (None when the
+    backup failed). The archive is removed."""
     archive = work / "link.ctar"
     t0 = time.monotonic()
     r = subprocess.run([str(vondral), "-s", ADDR, "-c", "%s:here:%s" % (USER, PASSWORD), "-b", archive,
                         "-i", include, *extra], capture_output=True, text=True)
     took = time.monotonic() - t0
+    found = entry_contents(archive) if contents and r.returncode == 0 else None
+    if archive.exists():
+        archive.unlink()
+    return took, r, found
+
+
+def vondral_backup(vondral, work, include, extra):
+    """One backup that must succeed: its wall time and standard output."""
+    took, r, _ = run_backup(vondral, work, include, extra)
     if r.returncode != 0:
         raise SystemExit("vondral failed (%d):\n%s%s" % (r.returncode, r.stdout[-2000:], r.stderr[-2000:]))
-    archive.unlink()
     return took, r.stdout
 
 
@@ -235,23 +245,13 @@ def under_loss(vondral, work, include, losses):
     """Backs the home directories up without loss and then under each
     share of lost packets; returns {loss: (seconds, same entries)}, or {}
     when packets cannot be dropped here."""
-    def keep(name, extra):
-        archive = work / name
-        t0 = time.monotonic()
-        r = subprocess.run([str(vondral), "-s", ADDR, "-c", "%s:here:%s" % (USER, PASSWORD), "-b", archive,
-                            "-i", include, *extra], capture_output=True, text=True)
-        took = time.monotonic() - t0
-        contents = entry_contents(archive) if r.returncode == 0 else None
-        if archive.exists():
-            archive.unlink()
-        return took, contents
-    _, clean = keep("clean.ctar", [])
+    _, _, clean = run_backup(vondral, work, include, [], contents=True)
     found = {}
     for loss in losses:
         if not drop_packets(loss):
             return {}
         try:
-            took, contents = keep("lossy.ctar", ["--sessions", "8"])
+            took, _, contents = run_backup(vondral, work, include, ["--sessions", "8"], contents=True)
         finally:
             drop_packets(0)
         found[loss] = (took, contents is not None and contents == clean)

@@ -294,9 +294,10 @@ int RetrieveToArchive(FtpSession* session, uint8_t checkpoint, ObjectFile* objec
     // the abort that carries a lost control connection back to the
     // caller's checkpoint.
     ArchiveOnFirstData archive(writer, callback, locked);
-    // A broken archive takes no retrieval at all: its message, and no
-    // PASV or RETR.
-    if (ArchiveBroken && !archive.Take().Usable()) {
+    // A broken archive takes no retrieval at all: taking it says why, and
+    // no PASV or RETR goes out.
+    if (ArchiveBroken) {
+      archive.Take();
       session->checkpoint_flags = checkpoint;
       return -1;
     }

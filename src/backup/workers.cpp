@@ -361,7 +361,8 @@ int SaveKindTree(FtpSession* session, ObjectNode* tree, int number, BackupTotals
   queue.next_dir = tree->first_dir;
   queue.files = FirstFileUnit(tree);
   // More sessions than units would log in for nothing.
-  const size_t wanted = std::min(static_cast<size_t>(Settings.sessions), CountUnits(tree, static_cast<size_t>(Settings.sessions)));
+  const size_t asked = static_cast<size_t>(Settings.sessions);
+  const size_t wanted = std::min(asked, CountUnits(tree, asked));
   std::vector<ExtraSession> extras(wanted > 1 ? wanted - 1 : 0, ExtraSession{&queue});
   for (ExtraSession& extra : extras) {
     const int error = pthread_create(&extra.thread, nullptr, RunExtraSession, &extra);
